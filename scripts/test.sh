@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Builds brivlo and runs every test: once as a normal -Werror build, once under
+# AddressSanitizer + UndefinedBehaviorSanitizer. Installs missing packages first.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/deps.sh
+
+jobs=$(nproc 2>/dev/null || echo 2)
+
+run_suite() {
+  local dir=$1; shift
+  echo "== configure $dir"
+  cmake -S . -B "$dir" -DBRIVLO_WERROR=ON "$@" >/dev/null
+  echo "== build $dir"
+  cmake --build "$dir" -j"$jobs"
+  echo "== test $dir"
+  ctest --test-dir "$dir" -j"$jobs" --output-on-failure
+}
+
+run_suite build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo
+run_suite build/sanitize -DCMAKE_BUILD_TYPE=Debug -DBRIVLO_SANITIZE=ON
