@@ -1,0 +1,90 @@
+// TFTP (RFC 1350) packets as bytes: encoding of the packets a reading client
+// sends (RRQ, ACK) and a server sends (DATA, ERROR), decoding of all of them,
+// and the mapping of TFTP error codes to zel_error_t. Pure functions over
+// caller buffers: no I/O, no allocation, safe on any input (fuzzable).
+//
+// Every 16-bit field on the wire is big-endian. Encoders leave `*length`
+// untouched when they fail.
+#pragma once
+
+#include "support/errors.h"
+
+#include <cstdint>
+
+enum : uint16_t {
+    ZEL_TFTP_OPCODE_RRQ = 1,
+    ZEL_TFTP_OPCODE_WRQ = 2,
+    ZEL_TFTP_OPCODE_DATA = 3,
+    ZEL_TFTP_OPCODE_ACK = 4,
+    ZEL_TFTP_OPCODE_ERROR = 5,
+};
+
+enum : uint32_t {
+    // An Ethernet payload less the IPv4 and UDP headers: the largest datagram
+    // the client builds or receives.
+    ZEL_TFTP_PACKET_SIZE = 1472,
+    // Data bytes of a full block; a shorter block ends the transfer.
+    ZEL_TFTP_BLOCK_SIZE = 512,
+    // Opcode (2) and block number or error code (2).
+    ZEL_TFTP_HEADER_SIZE = 4,
+    // Longest file name a read request can carry: 2 + 1462 + 1 + "octet" + 1 = 1471.
+    ZEL_TFTP_MAX_FILE_NAME_LENGTH = 1462,
+    ZEL_TFTP_DEFAULT_PORT = 69,
+};
+
+// What a datagram is. MALFORMED: a known opcode whose fixed part is missing
+// (DATA, ACK or ERROR of 3 bytes or fewer; RRQ/WRQ without both terminated
+// strings). RUNT: fewer than 2 bytes, so not even an opcode.
+enum zel_tftp_packet_kind : unsigned {
+    ZEL_TFTP_PACKET_RUNT,
+    ZEL_TFTP_PACKET_MALFORMED,
+    ZEL_TFTP_PACKET_RRQ,
+    ZEL_TFTP_PACKET_WRQ,
+    ZEL_TFTP_PACKET_DATA,
+    ZEL_TFTP_PACKET_ACK,
+    ZEL_TFTP_PACKET_ERROR,
+    ZEL_TFTP_PACKET_UNKNOWN,
+};
+
+// A decoded datagram. Pointers point into the decoded buffer and live as long
+// as it does. Fields that the kind does not use are zero / null.
+struct zel_tftp_packet_view {
+    unsigned kind;            // zel_tftp_packet_kind
+    uint16_t opcode;          // bytes 0-1; 0 for a RUNT
+    uint16_t number;          // DATA/ACK: block number; ERROR: TFTP error code
+    const uint8_t* payload;   // DATA: the data; ERROR: the message bytes (not
+                              // necessarily terminated); RRQ/WRQ: the file name
+    uint32_t payload_length;  // bytes at `payload` (RRQ/WRQ: name length)
+    const char* mode;         // RRQ/WRQ: the terminated transfer mode
+};
+
+// Decodes `length` bytes at `packet` (null is taken as empty). Never fails:
+// whatever the bytes are, the result says what they are.
+zel_tftp_packet_view zel_tftp_packet_decode(const uint8_t* packet, uint32_t length);
+
+// Read request for `file_name` in mode "octet": length = name length + 9.
+// INVALIDPARAMETER for a null pointer or an empty name; INVALIDDATA for a name
+// of 1463 bytes or more; NOBUFS when `capacity` is too small.
+zel_error_t zel_tftp_packet_encode_rrq(uint8_t* packet, uint32_t capacity, const char* file_name,
+                                       uint32_t* length);
+
+// ACK of `block`: 4 bytes. INVALIDPARAMETER for a null pointer, NOBUFS when
+// `capacity` is below 4.
+zel_error_t zel_tftp_packet_encode_ack(uint8_t* packet, uint32_t capacity, uint16_t block,
+                                       uint32_t* length);
+
+// DATA block `block` carrying `data_length` bytes (any number: test peers
+// also build oversized blocks). INVALIDPARAMETER for a null pointer (`data`
+// may be null when `data_length` is 0), NOBUFS when it does not fit.
+zel_error_t zel_tftp_packet_encode_data(uint8_t* packet, uint32_t capacity, uint16_t block,
+                                        const uint8_t* data, uint32_t data_length, uint32_t* length);
+
+// ERROR packet with TFTP error `code` and the terminated `message` (null =
+// empty). INVALIDPARAMETER for a null pointer, NOBUFS when it does not fit.
+zel_error_t zel_tftp_packet_encode_error(uint8_t* packet, uint32_t capacity, uint16_t code,
+                                         const char* message, uint32_t* length);
+
+// The zel_error_t that a TFTP error code received from a server stands for:
+// 1 NOTFOUND, 2 ACCES, 3 NOBUFS, 4 NOTSUPPORTED, 5 INVALIDDATA, 6 ALREADY,
+// 7 POLICY; 0 and every other code SYSTEM.
+zel_error_t zel_tftp_error_from_code(uint16_t tftp_code);
