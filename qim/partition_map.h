@@ -1,0 +1,8 @@
+// Which flash partition a package part of a given kind is written to, for
+// host tools that describe packages. (The upgrade driver keeps its own table.)
+#pragma once
+
+#include <cstdint>
+
+// The partition name, or "" for a kind that is not written anywhere.
+const char* qim_part_partition_name(uint32_t part_id);
