@@ -1,0 +1,126 @@
+// FlashUpgrader: the one upgrade context of a brivlo run. It carries the
+// device identity that packages are matched against, the TFTP client used for
+// downloads and the request in progress; the download, flash writing and
+// compatibility operations are its methods, spread over the files of app/:
+//
+//   flash_upgrader.cpp   construction, init, accessors
+//   status_file.cpp      updateStatusCurrent (and the status file itself)
+//   partitions.cpp       partition name tables and their four lookups
+//   flash_writer.cpp     writeImageToFlash, writeToFlash
+//   kernel_rootfs.cpp    eraseAndWriteKernelRootFs
+//   download.cpp         downloadFile, tftpRequestCallback
+//   package_flasher.cpp  flashQimFile, loadAndCheckQimFile, writeQimToFlash
+//   compatibility.cpp    parseCapabilityForIds, extractLinuxVerFromQim,
+//                        getEthernetPhyId, validateFirmwareSupport
+//
+// Methods return int codes with the zel_error_t numbers and print their own
+// diagnostics: one line on standard error, the method's name first. Progress
+// dots and phase lines go to standard output.
+//
+// Calling order: construct, init() once, identifier setters, at most one
+// download and one flash operation, destroy. Single-threaded.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include <mtd/mtd-user.h>
+
+#include "qim/qim_id.h"
+#include "support/errors.h"
+
+struct zel_env;
+struct zel_tftp_client;
+struct zel_tftp_client_request;
+struct qim_package;
+
+class FlashUpgrader {
+public:
+    // Stores `env` (not owned); wildcard identifiers, no client, zeroed
+    // errorText. Cannot fail.
+    explicit FlashUpgrader(zel_env* env);
+    // Releases the TFTP client (none before init or after a failed init).
+    ~FlashUpgrader();
+    FlashUpgrader(const FlashUpgrader&) = delete;
+    FlashUpgrader& operator=(const FlashUpgrader&) = delete;
+
+    // Reads the device identity from the capability record (warnings only,
+    // never fails), then creates the TFTP client: 0, or 6 after printing
+    // "Error creating client: ..." when the client cannot be created.
+    int init();
+    // Creates the client on env and registers this object and
+    // tftpRequestCallback on it: 0, or 6 (message above; tftpClient stays null).
+    int initTftpClient();
+
+    void setModelId(const qim_id& id);
+    void setMfgcId(const qim_id& id);
+    qim_id getModelId() const;
+    qim_id getMfgcId() const;
+    // The client made by init; null before init or when its creation failed.
+    zel_tftp_client* getTftpClient() const { return tftpClient; }
+
+    // Status file progress: replaces the "current=" line by `current`
+    // through the temporary file and a rename.
+    void updateStatusCurrent(int current);
+
+    // Partition vocabulary. Names are compared exactly.
+    // True for the 19 partitions that may be named on the command line and "qim".
+    static bool isValidPartitionName(std::string name);
+    // Part kind held by a partition; 28 ("unknown") and a message on standard
+    // error for a name not in the table.
+    static int flashPartNameToPartId(std::string name);
+    // 1 for a write-locked partition, 0 otherwise; 1 and a message for an
+    // unknown name, so callers go on treating it as locked.
+    static int isPartitionProtected(std::string name);
+    // Partition that receives a package part of `partId`; empty when none.
+    static std::string partIdToPartitionName(uint32_t partId);
+
+    // Writes `image` (`size` bytes) into /dev/flash/<name>: checks, unlock
+    // (when `isProtected`), erase, write, lock. The partition "image" is split
+    // into kernel and rootfs. 0; 18 open or unlock failed; 4 geometry, erase
+    // or write failed; 28 lock failed; or the split writer's code.
+    int writeImageToFlash(std::string name, uint32_t size, int isProtected, const uint8_t* image);
+    // Write phase shared by the writers: erasesize-sized chunks, then the
+    // remainder, advancing `*count` by every byte written. 0 or 4. The
+    // descriptor stays open.
+    int writeToFlash(int fd, const uint8_t* data, uint32_t size, const mtd_info_user& info, int* count);
+    // The combined Linux image split at its U-Boot header into
+    // /dev/flash/kernel and /dev/flash/rootfs. 0, 18 (a device cannot be
+    // opened) or 4.
+    int eraseAndWriteKernelRootFs(uint32_t size, int current, const uint8_t* image);
+
+    // Package path: load, check, report and write a QIM package. 0 or a code.
+    int flashQimFile(const char* path);
+    int loadAndCheckQimFile(const char* path, qim_package* package);
+    int writeQimToFlash(qim_package* package);
+
+    // Device compatibility.
+    void parseCapabilityForIds();
+    uint32_t extractLinuxVerFromQim(qim_package* package);
+    int getEthernetPhyId(uint16_t* phyId);
+    int validateFirmwareSupport(qim_package* package);
+
+    // Fetches `remoteName` from host:port ("69" when empty) into /tmp/flashit.
+    // 0 on success, else a code; ends the process with exit status 255 when
+    // the server address cannot be resolved.
+    int downloadFile(const std::string& host, const std::string& port, const std::string& remoteName);
+    // The TFTP client's callback; finds its FlashUpgrader through the client's
+    // context.
+    static void tftpRequestCallback(zel_tftp_client_request* request);
+
+private:
+    // Erase phase shared by the writers: the estimate line, then blocks
+    // 0..blocks-1 erased one by one with a dot, a status update showing the
+    // count from before the block, and `*count` advanced by erasesize; one
+    // more dot and a line end after the last. On a failed erase prints
+    // `failureLine` on standard error and returns 4.
+    int eraseBlocks(int fd, uint32_t erasesize, uint32_t blocks, int* count,
+                    const std::string& failureLine);
+
+    zel_env* env;
+    qim_id modelId;
+    qim_id mfgcId;
+    char errorText[ZEL_ERROR_TEXT_SIZE];
+    zel_tftp_client* tftpClient;
+    zel_tftp_client_request* activeRequest;
+};

@@ -1,0 +1,77 @@
+#include "app/mtd_device.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
+    if (this != &other) {
+        reset(other.release());
+    }
+    return *this;
+}
+
+int UniqueFd::release() {
+    int fd = fd_;
+    fd_ = -1;
+    return fd;
+}
+
+void UniqueFd::reset(int fd) {
+    if (fd_ >= 0) {
+        ::close(fd_);
+    }
+    fd_ = fd;
+}
+
+namespace mtd {
+
+namespace {
+// The code for a failed request; never 0, even if the driver left errno clear.
+zel_error_t failureCode() {
+    zel_error_t code = zel_error_from_errno(errno);
+    return code == ZEL_SUCCESS ? ZEL_SYSTEM : code;
+}
+}  // namespace
+
+UniqueFd openDevice(const std::string& path) {
+    return UniqueFd(::open(path.c_str(), O_RDWR));
+}
+
+zel_error_t getInfo(int fd, mtd_info_user* info) {
+    mtd_info_user filled{};
+    if (::ioctl(fd, BRIVLO_MEMGETINFO, &filled) < 0) {
+        return failureCode();
+    }
+    *info = filled;
+    return ZEL_SUCCESS;
+}
+
+zel_error_t erase(int fd, uint32_t start, uint32_t length) {
+    erase_info_user request{};
+    request.start = start;
+    request.length = length;
+    if (::ioctl(fd, BRIVLO_MEMERASE, &request) < 0) {
+        return failureCode();
+    }
+    return ZEL_SUCCESS;
+}
+
+zel_error_t lockControl(int fd, bool lock, uint32_t length) {
+    mtd_lock_ctl request{};
+    request.lock = lock ? 1 : 0;
+    request.start = 0;
+    request.length = length;
+    int rc = ::ioctl(fd, BRIVLO_MEMLOCKCTL, &request);
+    if (rc == 0) {
+        return ZEL_SUCCESS;
+    }
+    // A positive answer is a refusal too, with no errno to explain it.
+    return rc < 0 ? failureCode() : ZEL_SYSTEM;
+}
+
+long write(int fd, const uint8_t* data, uint32_t count) {
+    return static_cast<long>(::write(fd, data, count));
+}
+
+}  // namespace mtd

@@ -1,0 +1,86 @@
+// Thin layer over the MTD character devices under /dev/flash/: open, the three
+// requests the flash writers need, and one plain write. Every function only
+// issues the call and returns a code; deciding what a failure means, printing
+// and counting progress is left to FlashUpgrader.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include <mtd/mtd-user.h>
+#include <sys/ioctl.h>
+
+#include "support/errors.h"
+
+// Owns one file descriptor and closes it exactly once; move-only, so every
+// early return of a writer closes what it opened.
+class UniqueFd {
+public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd) {}
+    ~UniqueFd() { reset(); }
+    UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept;
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
+
+    int get() const { return fd_; }
+    bool valid() const { return fd_ >= 0; }
+    // Gives up ownership without closing; the object then holds -1.
+    int release();
+    // Closes the held descriptor (if any) and takes `fd`.
+    void reset(int fd = -1);
+
+private:
+    int fd_ = -1;
+};
+
+// Lock control of the board's flash driver (not part of mainline MTD): locks
+// or unlocks the byte range [start, start + length) of the partition.
+// 12 bytes in the machine's byte order.
+struct mtd_lock_ctl {
+    uint8_t lock;  // 0 = unlock, 1 = lock
+    uint8_t pad[3];
+    uint32_t start;
+    uint32_t length;
+};
+
+static_assert(sizeof(mtd_lock_ctl) == 12, "MEMLOCKCTL carries a 12-byte record");
+static_assert(offsetof(mtd_lock_ctl, start) == 4 && offsetof(mtd_lock_ctl, length) == 8,
+              "MEMLOCKCTL record layout");
+static_assert(sizeof(mtd_info_user) == 32, "MEMGETINFO fills a 32-byte record");
+static_assert(sizeof(erase_info_user) == 8, "MEMERASE takes start and length");
+
+// Request numbers as the driver knows them; spelled out so that a header or
+// ABI difference on the build machine cannot silently change them.
+enum : unsigned long {
+    BRIVLO_MEMGETINFO = 0x80204D01ul,
+    BRIVLO_MEMERASE = 0x40084D02ul,
+    BRIVLO_MEMLOCKCTL = 0xC00C4D41ul,
+};
+static_assert(BRIVLO_MEMGETINFO == MEMGETINFO, "MEMGETINFO number");
+static_assert(BRIVLO_MEMERASE == MEMERASE, "MEMERASE number");
+static_assert(BRIVLO_MEMLOCKCTL == _IOWR('M', 0x41, mtd_lock_ctl), "MEMLOCKCTL number");
+
+namespace mtd {
+
+// Opens `path` for reading and writing; an invalid UniqueFd on failure (errno set).
+UniqueFd openDevice(const std::string& path);
+
+// MEMGETINFO into `info`; 0, or the errno code when the request returns a
+// negative value (then `info` is untouched).
+zel_error_t getInfo(int fd, mtd_info_user* info);
+
+// MEMERASE of [start, start + length); 0, or the errno code when the request
+// returns a negative value.
+zel_error_t erase(int fd, uint32_t start, uint32_t length);
+
+// MEMLOCKCTL over [0, length) of the partition; 0 only when the request
+// returns exactly 0 (the driver's convention), else a non-zero code.
+zel_error_t lockControl(int fd, bool lock, uint32_t length);
+
+// One write() call at the descriptor's current position; its raw result.
+long write(int fd, const uint8_t* data, uint32_t count);
+
+}  // namespace mtd

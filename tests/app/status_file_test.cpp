@@ -1,0 +1,182 @@
+#include "app/status_file.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+
+#include "common/tempdir.h"
+
+namespace {
+
+using status_file::Record;
+
+// ---- The stoi-like conversion, including the damaged values it refuses.
+
+struct DecimalCase {
+    const char* name;
+    const char* text;
+    bool ok;
+    int value;
+};
+
+class ParseDecimal : public ::testing::TestWithParam<DecimalCase> {};
+
+TEST_P(ParseDecimal, ReadsLikeStoiWithoutThrowing) {
+    const DecimalCase& c = GetParam();
+    int value = -77;
+    EXPECT_EQ(status_file::parseDecimal(c.text, &value), c.ok);
+    EXPECT_EQ(value, c.ok ? c.value : -77) << "refused input must leave the output alone";
+}
+
+const DecimalCase kDecimalCases[] = {
+    {"Plain", "1234", true, 1234},
+    {"LeadingBlanksAndTab", " \t 42", true, 42},
+    {"PlusSign", "+7", true, 7},
+    {"Negative", "-15", true, -15},
+    {"TrailingTextIgnored", "99abc", true, 99},
+    {"TrailingCarriageReturn", "5\r", true, 5},
+    {"Max", "2147483647", true, 2147483647},
+    {"Min", "-2147483648", true, INT32_MIN},
+    {"LeadingZerosOfMax", "0002147483647", true, 2147483647},
+    {"OneAboveMax", "2147483648", false, 0},
+    {"OneBelowMin", "-2147483649", false, 0},
+    {"Huge", "99999999999999999999999", false, 0},
+    {"Empty", "", false, 0},
+    {"SignOnly", "-", false, 0},
+    {"BlankBetweenSignAndDigit", "- 5", false, 0},
+    {"Letters", "abc", false, 0},
+    {"HexIsNotDecimal", "x10", false, 0},
+};
+
+INSTANTIATE_TEST_SUITE_P(Table, ParseDecimal, ::testing::ValuesIn(kDecimalCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// ---- The -S answer for every shape the program writes, plus damaged files.
+
+struct QueryCase {
+    const char* name;
+    const char* content;
+    int64_t answer;
+};
+
+class Query : public ::testing::TestWithParam<QueryCase> {};
+
+TEST_P(Query, AnswersFromContent) {
+    const QueryCase& c = GetParam();
+    EXPECT_EQ(status_file::queryAnswer(status_file::parseRecord(c.content)), c.answer);
+}
+
+const QueryCase kQueryCases[] = {
+    {"Empty", "", 0},
+    {"DownloadPhase", "status=1", 1},
+    {"DownloadPhaseAfterRawUpdate", "status=1\n", 1},
+    {"PackageStartNoProgress", "status=2\ntotal=1000\ncurrent=0", 0},
+    {"PackageHalf", "status=2\ntotal=1000\ncurrent=500", 225},
+    {"PackageDone", "status=2\ntotal=1000\ncurrent=1000", 250},
+    {"PackageZeroTotalAlone", "status=2", 0},
+    {"PackageNoCurrentLine", "status=2\ntotal=1000", 0},
+    // 50 * 100000000 does not fit in 32 bits.
+    {"ProductNeeds64Bits", "status=2\ntotal=200000000\ncurrent=100000000", 225},
+    {"LargestValues", "status=2\ntotal=2147483647\ncurrent=2147483647", 250},
+    {"TruncatesTowardZero", "status=2\ntotal=3\ncurrent=1", 216},
+    {"NegativeCurrentTruncatesTowardZero", "status=2\ntotal=3\ncurrent=-1", 184},
+    {"LaterLineWins", "status=1\nstatus=2\ntotal=10\ncurrent=5\ncurrent=10", 250},
+    {"OtherLinesIgnored", "hello\nstatus=2\n# x\ntotal=100\ncurrent=50\n", 225},
+    {"KeyMustStartLine", " status=1", 0},
+    {"UnknownPhaseReturnedAsIs", "status=7", 7},
+    {"BlanksAndSignAfterEquals", "status= +2\ntotal=\t100\ncurrent=25xyz", 212},
+    // Damaged values count as absent lines: an earlier value survives.
+    {"DamagedStatus", "status=abc", 0},
+    {"DamagedStatusKeepsEarlier", "status=1\nstatus=oops", 1},
+    {"StatusOutOfRange", "status=4294967297", 0},
+    {"DamagedTotal", "status=2\ntotal=lots\ncurrent=500", 0},
+    {"DamagedCurrentKeepsEarlier", "status=2\ntotal=1000\ncurrent=500\ncurrent=", 225},
+    {"CurrentOutOfRange", "status=2\ntotal=1000\ncurrent=99999999999", 0},
+};
+
+INSTANTIATE_TEST_SUITE_P(Table, Query, ::testing::ValuesIn(kQueryCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(QueryExitStatus, KeepsTheLowEightBitsLikeExit) {
+    EXPECT_EQ(status_file::answerToExitStatus(225), 225);
+    EXPECT_EQ(status_file::answerToExitStatus(-1), 255);
+    EXPECT_EQ(status_file::answerToExitStatus(256 + 3), 3);
+    // 200 + 50 * INT32_MAX / 1 is far beyond an int.
+    const Record huge{2, 1, INT32_MAX};
+    EXPECT_EQ(status_file::queryAnswer(huge), 200 + int64_t{50} * INT32_MAX);
+    EXPECT_EQ(status_file::answerToExitStatus(status_file::queryAnswer(huge)),
+              static_cast<int>((200 + int64_t{50} * INT32_MAX) & 0xFF));
+}
+
+TEST(QueryFile, MissingFileAnswersZero) {
+    testutil::TempDir dir;
+    EXPECT_EQ(status_file::queryFile(dir.file("none").c_str()), 0);
+}
+
+// ---- The writers' start count.
+
+TEST(LastCurrent, LastValidLineWinsDamagedCountsAsAbsent) {
+    EXPECT_EQ(status_file::lastCurrent(""), 0);
+    EXPECT_EQ(status_file::lastCurrent("status=1\n"), 0);
+    EXPECT_EQ(status_file::lastCurrent("status=2\ntotal=9\ncurrent=5000"), 5000);
+    EXPECT_EQ(status_file::lastCurrent("current=1\ncurrent=2"), 2);
+    EXPECT_EQ(status_file::lastCurrent("current=7\ncurrent=junk"), 7);
+    EXPECT_EQ(status_file::lastCurrent("current=99999999999"), 0);
+    EXPECT_EQ(status_file::lastCurrent("current=-12"), -12);
+}
+
+// ---- Writers on private files.
+
+class StatusFileWriters : public ::testing::Test {
+protected:
+    testutil::TempDir dir;
+    std::string status = dir.file("brivlo_status");
+    std::string temp = dir.file("temp_brivlo_status");
+
+    void replace(int current) { status_file::replaceCurrent(status.c_str(), temp.c_str(), current); }
+};
+
+TEST_F(StatusFileWriters, PhaseWritersProduceTheDocumentedShapes) {
+    status_file::writeDownloadPhase(status.c_str());
+    EXPECT_EQ(testutil::readFile(status), "status=1");
+    status_file::writePackagePhase(status.c_str(), 8192);
+    EXPECT_EQ(testutil::readFile(status), "status=2\ntotal=8192\ncurrent=0");
+    status_file::writePackagePhase(status.c_str(), 0);
+    EXPECT_EQ(testutil::readFile(status), "status=2");
+}
+
+TEST_F(StatusFileWriters, ReplaceCurrentKeepsOtherLinesAndEndsWithoutLineFeed) {
+    testutil::writeFile(status, "status=2\ntotal=8192\ncurrent=0");
+    replace(4096);
+    EXPECT_EQ(testutil::readFile(status), "status=2\ntotal=8192\ncurrent=4096");
+    EXPECT_FALSE(testutil::fileExists(temp)) << "the temporary file is renamed, not copied";
+}
+
+TEST_F(StatusFileWriters, ReplaceCurrentDropsLinesAfterTheCurrentLine) {
+    testutil::writeFile(status, "status=2\ncurrent=1\ntotal=5\ncurrent=3");
+    replace(9);
+    EXPECT_EQ(testutil::readFile(status), "status=2\ncurrent=9");
+}
+
+TEST_F(StatusFileWriters, ReplaceCurrentWithoutCurrentLineOnlyAddsLineFeeds) {
+    testutil::writeFile(status, "status=1");
+    replace(100);
+    EXPECT_EQ(testutil::readFile(status), "status=1\n");
+    replace(200);
+    EXPECT_EQ(testutil::readFile(status), "status=1\n");
+}
+
+TEST_F(StatusFileWriters, ReplaceCurrentWithoutStatusFileLeavesAnEmptyOne) {
+    replace(100);
+    ASSERT_TRUE(testutil::fileExists(status));
+    EXPECT_EQ(testutil::readFile(status), "");
+}
+
+TEST_F(StatusFileWriters, StartCountReadsTheFile) {
+    EXPECT_EQ(status_file::readStartCount(status.c_str()), 0);
+    testutil::writeFile(status, "status=2\ntotal=10\ncurrent=5000");
+    EXPECT_EQ(status_file::readStartCount(status.c_str()), 5000);
+}
+
+}  // namespace
