@@ -104,5 +104,5 @@ zel_error_t qim_package_extract_part(const qim_package* pkg, int seq, FILE* out)
     if (pkg == nullptr || out == nullptr) return ZEL_INVALIDPARAMETER;
     const qim_part* p = find_part(pkg, seq);
     if (p == nullptr) return ZEL_SUCCESS;
-    return qim_internal::copy_part_data(p, out, nullptr);
+    return qim_internal::copy_part_data(p, out, nullptr, nullptr);
 }

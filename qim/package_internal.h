@@ -33,10 +33,10 @@ qim_model* new_model(const qim_id* model_id, uint32_t part_mask);
 void append_model(qim_package* pkg, qim_model* model);
 
 // Copies a part's `size` bytes from its file (data_start + offset) to `out`
-// in chunks of at most 4096 bytes, continuing *crc over them when `crc` is
-// given. 0; 3 when the part has no file or the file cannot be opened or
+// in chunks of at most 4096 bytes, continuing the CRC *crc and the byte sum
+// *sum over them when they are given. 0; 3 when the part has no file or the file cannot be opened or
 // positioned; 8 when it ends early; 2 when reading it or writing `out` fails. Failures
 // print one "error: ..." line on stderr.
-zel_error_t copy_part_data(const qim_part* part, FILE* out, uint32_t* crc);
+zel_error_t copy_part_data(const qim_part* part, FILE* out, uint32_t* crc, uint32_t* sum);
 
 }  // namespace qim_internal

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "qim/byte_sum.h"
 #include "qim/crc32.h"
 #include "qim/package_format.h"
 #include "qim/package_internal.h"
@@ -71,7 +72,7 @@ void append_model(qim_package* pkg, qim_model* model) {
     *link = model;
 }
 
-zel_error_t copy_part_data(const qim_part* part, FILE* out, uint32_t* crc) {
+zel_error_t copy_part_data(const qim_part* part, FILE* out, uint32_t* crc, uint32_t* sum) {
     if (part->path == nullptr) {
         std::fprintf(stderr, "error: part %d has no file to read its data from\n",
                      static_cast<int>(part->part_seq_num));
@@ -104,6 +105,7 @@ zel_error_t copy_part_data(const qim_part* part, FILE* out, uint32_t* crc) {
             return ZEL_SYSTEM;
         }
         if (crc != nullptr) *crc = crc32_update(*crc, buf, got);
+        if (sum != nullptr) *sum = qim_byte_sum_update(*sum, buf, got);
         left -= static_cast<uint32_t>(got);
     }
     return ZEL_SUCCESS;
