@@ -1,15 +1,168 @@
-// Package path of the upgrade. Placeholder until the package flasher lands:
-// every package is refused as not supported, without output.
+// The package path of an upgrade: load and validate a QIM package, refuse it
+// for a foreign device kind, an unsuitable network chip or another
+// manufacturer, print its report, and write every part meant for this
+// device's model into the partition of its kind, in part-table order.
 #include "app/flash_upgrader.h"
 
-int FlashUpgrader::flashQimFile(const char* /*path*/) {
-    return ZEL_NOTSUPPORTED;
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "app/status_file.h"
+#include "qim/package.h"
+#include "qim/report.h"
+
+namespace {
+
+struct PackageFree {
+    void operator()(qim_package* package) const { qim_package_free(package); }
+};
+using UniquePackage = std::unique_ptr<qim_package, PackageFree>;
+
+struct FileCloser {
+    void operator()(FILE* f) const { std::fclose(f); }
+};
+using UniqueFile = std::unique_ptr<FILE, FileCloser>;
+
+// Result of writeQimToFlash when a part's bytes cannot be read: the part
+// table promises data that the file does not hold (or the file is gone), so
+// the package is treated as damaged.
+constexpr int kPartReadFailed = static_cast<int>(ZEL_INVALIDDATA);
+
+enum class ReadResult { kOk, kFailed, kNoMemory };
+
+// Reads the `size` bytes at `position` of the package file into a zero-filled
+// buffer of exactly that size. The file's length is checked first, so a
+// damaged part table can never make us allocate more than the file holds.
+ReadResult readPartData(const char* path, uint64_t position, uint32_t size,
+                        std::vector<uint8_t>* data) {
+    if (path == nullptr) {
+        return ReadResult::kFailed;
+    }
+    UniqueFile file(std::fopen(path, "rb"));
+    if (!file || fseeko(file.get(), 0, SEEK_END) != 0) {
+        return ReadResult::kFailed;
+    }
+    const off_t length = ftello(file.get());
+    if (length < 0 || position > static_cast<uint64_t>(length) ||
+        size > static_cast<uint64_t>(length) - position) {
+        return ReadResult::kFailed;
+    }
+    try {
+        data->assign(size, 0);
+    } catch (const std::bad_alloc&) {
+        return ReadResult::kNoMemory;
+    }
+    if (fseeko(file.get(), static_cast<off_t>(position), SEEK_SET) != 0) {
+        return ReadResult::kFailed;
+    }
+    if (size != 0 && std::fread(data->data(), 1, size, file.get()) != size) {
+        return ReadResult::kFailed;
+    }
+    return ReadResult::kOk;
 }
 
-int FlashUpgrader::loadAndCheckQimFile(const char* /*path*/, qim_package* /*package*/) {
-    return ZEL_NOTSUPPORTED;
+}  // namespace
+
+int FlashUpgrader::flashQimFile(const char* path) {
+    qim_package* created = nullptr;
+    const zel_error_t rc = qim_package_create(&created);
+    if (rc != ZEL_SUCCESS) {
+        return static_cast<int>(rc);
+    }
+    // The package is needed until the last part is written; nothing of the
+    // run looks at it after this method.
+    UniquePackage package(created);
+    const int checked = loadAndCheckQimFile(path, package.get());
+    if (checked != ZEL_SUCCESS) {
+        return checked;
+    }
+    return writeQimToFlash(package.get());
 }
 
-int FlashUpgrader::writeQimToFlash(qim_package* /*package*/) {
-    return ZEL_NOTSUPPORTED;
+int FlashUpgrader::loadAndCheckQimFile(const char* path, qim_package* package) {
+    const zel_error_t rc = qim_package_load(package, path);
+    if (rc != ZEL_SUCCESS) {
+        // The reader has printed its own message.
+        return static_cast<int>(rc);
+    }
+    if (qim_package_get_device_code(package) != qim_local_device_code()) {
+        std::cerr << "device type mismatch" << std::endl;
+        return ZEL_TRUNCATED;
+    }
+    const int supported = validateFirmwareSupport(package);
+    // The report is shown even for a refused package, so the operator sees
+    // what was offered.
+    qim_package_print(package);
+    return supported;
+}
+
+int FlashUpgrader::writeQimToFlash(qim_package* package) {
+    // Every part passes the flash writers twice (erase, then write). The
+    // count is the writers' signed 32-bit count and wraps like it; the
+    // record starts before any test, so a refused package leaves it behind.
+    const uint32_t total = static_cast<uint32_t>(qim_package_get_total_size(package) * 2u);
+    status_file::writePackagePhase(status_file::kStatusPath, static_cast<int>(total));
+
+    const qim_id packageMfgc = *qim_package_get_mfgc_id(package);
+    if (!qim_id_equal(&packageMfgc, &mfgcId) && !qim_id_is_any(&packageMfgc) &&
+        !qim_id_is_any(&mfgcId)) {
+        char device[QIM_ID_HEX_SIZE];
+        char offered[QIM_ID_HEX_SIZE];
+        std::cerr << "writeQimToFlash: Device manufacturer ID " << qim_id_to_hex(&mfgcId, device)
+                  << " does not match QIM manufacturer ID " << qim_id_to_hex(&packageMfgc, offered)
+                  << "." << std::endl;
+        return ZEL_VERSION;
+    }
+
+    bool written = false;
+    const int parts = qim_package_get_num_parts(package);
+    for (int seq = 0; seq < parts; ++seq) {
+        uint32_t kind = 0;
+        const char* file = nullptr;
+        uint64_t position = 0;
+        uint32_t size = 0;
+        if (qim_package_get_part_info(package, seq, &kind, &file, &position, &size, nullptr) !=
+            ZEL_SUCCESS) {
+            std::cerr << "writeQimToFlashNo partition match" << std::endl;
+            break;
+        }
+        const std::string name = partIdToPartitionName(kind);
+        if (name.empty()) {
+            // A kind without a partition ends the package rather than being
+            // skipped: later parts may depend on it.
+            std::cerr << "writeQimToFlashQIM Part ID " << kind << "not found" << std::endl;
+            break;
+        }
+        std::cout << std::endl << "QIM partition = " << name << std::endl;
+        if (!qim_package_part_matches_model(package, &modelId, seq)) {
+            std::cout << "Model ID mismatch. Skipping to next partition." << std::endl;
+            continue;
+        }
+
+        std::vector<uint8_t> data;
+        const ReadResult read = readPartData(file, position, size, &data);
+        if (read != ReadResult::kOk) {
+            std::cerr << "writeQimToFlashError reading from file" << std::endl;
+            return read == ReadResult::kNoMemory ? static_cast<int>(ZEL_NOMEMORY) : kPartReadFailed;
+        }
+        const int rc = writeImageToFlash(name, size, isPartitionProtected(name),
+                                         data.empty() ? nullptr : data.data());
+        if (rc != ZEL_SUCCESS) {
+            std::cerr << "writeQimToFlashFlash write failed" << std::endl;
+            return rc;
+        }
+        written = true;
+    }
+
+    if (written) {
+        return ZEL_SUCCESS;
+    }
+    std::cerr << "writeQimToFlashNo matching partitions to flash" << std::endl;
+    return ZEL_VERSION;
 }
