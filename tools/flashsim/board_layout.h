@@ -1,0 +1,105 @@
+// The simulated board's persistent record: the file DIR/board, shared (mmap)
+// by the flashsim command and by every process that runs with the preload
+// library on that board. It holds the geometry, the lock state, the injected
+// faults and the operation counters of each partition, so that all of them
+// survive from one process to the next. Plain fixed-size data only: the
+// preload library maps it and updates it without allocating.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace flashsim {
+
+constexpr char kBoardMagic[8] = {'F', 'S', 'I', 'M', 'B', 'R', 'D', '1'};
+constexpr uint32_t kBoardVersion = 1;
+constexpr size_t kMaxParts = 48;
+constexpr size_t kNameSize = 32;  // partition name, NUL included
+
+// The environment variable that names the board directory. Read only by the
+// preload library; set by `flashsim run`.
+constexpr const char* kBoardEnv = "FLASHSIM_BOARD";
+
+// Files and folders inside a board directory.
+constexpr const char* kBoardFile = "board";  // this record
+constexpr const char* kLogFile = "log";      // operation log, one line per operation
+constexpr const char* kFlashDir = "flash";   // flash/<name>: partition contents
+constexpr const char* kTmpDir = "tmp";       // tmp/<file>: the board's fixed /tmp files
+
+// Persistent faults (bits of PartRecord::faults).
+enum FaultBits : uint32_t {
+    kFaultOpen = 1u << 0,     // open of the device fails with EIO
+    kFaultGetinfo = 1u << 1,  // MEMGETINFO fails with EIO
+    kFaultUnlock = 1u << 2,   // MEMLOCKCTL lock=0 fails with EIO
+    kFaultLock = 1u << 3,     // MEMLOCKCTL lock=1 fails with EIO
+};
+constexpr uint32_t kNoBlock = 0xFFFFFFFFu;
+
+// Every counter counts calls made, successful or not (the log says which
+// failed), except bytes/erased/corrupt which count bytes actually affected.
+struct Counters {
+    uint64_t opens;
+    uint64_t closes;
+    uint64_t getinfo;
+    uint64_t erases;   // MEMERASE calls
+    uint64_t erased;   // bytes set to 0xFF by erases
+    uint64_t writes;   // write calls (write, pwrite, each writev segment)
+    uint64_t bytes;    // bytes stored by writes
+    uint64_t corrupt;  // bytes whose stored value differs from the value written
+    uint64_t locks;    // MEMLOCKCTL lock=1 calls
+    uint64_t unlocks;  // MEMLOCKCTL lock=0 calls
+    uint64_t errors;   // calls of any kind that failed
+};
+
+struct PartRecord {
+    char name[kNameSize];
+    uint32_t size;       // bytes
+    uint32_t erasesize;  // bytes in one erase block; 0 is allowed
+    uint32_t locked;     // 1 = erase and write refused with EPERM
+    uint32_t faults;     // FaultBits
+    uint32_t eraseFailBlock;  // an erase covering this block fails with EIO (kNoBlock: none)
+    uint32_t reserved;
+    uint64_t shortWriteAt;  // the write whose number (Counters::writes after it) is this is short; 0: none
+    uint64_t failWriteAt;   // likewise, but fails with EIO
+    Counters count;
+};
+
+struct BoardRecord {
+    char magic[8];
+    uint32_t version;
+    uint32_t partCount;
+    uint32_t phyAnswers;  // 0: the PHY request fails (EOPNOTSUPP) and leaves the data untouched
+    uint32_t phyId;       // answered identity (16 bits used)
+    uint64_t phyRequests;
+    uint32_t reserved[8];
+    PartRecord parts[kMaxParts];
+};
+
+// Returns null when `data` (of `length` bytes) is a usable board record,
+// otherwise the reason it is not.
+inline const char* boardRecordProblem(const void* data, size_t length) {
+    if (length != sizeof(BoardRecord)) return "board file has the wrong size";
+    const BoardRecord* b = static_cast<const BoardRecord*>(data);
+    if (std::memcmp(b->magic, kBoardMagic, sizeof kBoardMagic) != 0) return "board file has no board magic";
+    if (b->version != kBoardVersion) return "board file has an unsupported version";
+    if (b->partCount > kMaxParts) return "board file has too many partitions";
+    for (uint32_t i = 0; i < b->partCount; ++i) {
+        const PartRecord& p = b->parts[i];
+        if (std::memchr(p.name, '\0', kNameSize) == nullptr || p.name[0] == '\0') return "board file has a bad name";
+    }
+    return nullptr;
+}
+
+// Index of the partition called `name` (of `length` bytes), or -1.
+inline int findPart(const BoardRecord& b, const char* name, size_t length) {
+    if (length == 0 || length >= kNameSize) return -1;
+    for (uint32_t i = 0; i < b.partCount; ++i) {
+        if (std::strncmp(b.parts[i].name, name, length) == 0 && b.parts[i].name[length] == '\0') {
+            return static_cast<int>(i);
+        }
+    }
+    return -1;
+}
+
+}  // namespace flashsim

@@ -1,0 +1,251 @@
+// flashsim init DIR [options]: makes a board directory.
+#include "qim/capability.h"
+#include "qim/names.h"
+#include "qim/package.h"
+#include "tools/flashsim/cli/board_dir.h"
+#include "tools/flashsim/cli/commands.h"
+#include "tools/flashsim/cli/default_board.h"
+#include "tools/flashsim/cli/parse.h"
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <memory>
+
+namespace flashsim {
+namespace {
+
+struct PartPlan {
+    std::string name;
+    uint32_t size;
+    uint32_t erasesize;
+    bool eraseGiven;  // by --part; otherwise --erase-size applies
+    bool locked;
+};
+
+struct FaultPlan {
+    std::string part, kind, arg;
+    bool hasArg;
+};
+
+struct CapabilityPlan {
+    bool wanted = true;
+    bool optionGiven = false;
+    std::string file;  // raw bytes instead of a built record
+    cap_identity identity{};
+    std::string mfgcName = "Test Manufacturer";
+    std::string modelName;
+};
+
+struct InitPlan {
+    std::string dir;
+    std::vector<PartPlan> parts;
+    uint32_t eraseSize = kDefaultEraseSize;
+    bool phyAnswers = false;
+    uint16_t phyId = 0;
+    std::vector<FaultPlan> faults;
+    CapabilityPlan cap;
+};
+
+PartPlan* findPlan(InitPlan& plan, const std::string& name) {
+    for (PartPlan& p : plan.parts) {
+        if (p.name == name) return &p;
+    }
+    return nullptr;
+}
+
+PartPlan& existingPlan(InitPlan& plan, const std::string& name) {
+    PartPlan* p = findPlan(plan, name);
+    if (p == nullptr) throw UsageError("no partition " + name + " on the board");
+    return *p;
+}
+
+void checkName(const std::string& name) {
+    if (name.empty() || name.size() >= kNameSize || name[0] == '.' || name.find('/') != std::string::npos) {
+        throw UsageError("bad partition name '" + name + "'");
+    }
+}
+
+// --part NAME=SIZE[:ERASE]
+void planPart(InitPlan& plan, const std::string& spec) {
+    const size_t eq = spec.find('=');
+    if (eq == std::string::npos) throw UsageError("--part wants NAME=SIZE[:ERASE], not '" + spec + "'");
+    const std::string name = spec.substr(0, eq);
+    checkName(name);
+    const std::string geometry = spec.substr(eq + 1);
+    const size_t colon = geometry.find(':');
+    PartPlan* p = findPlan(plan, name);
+    if (p == nullptr) {
+        plan.parts.push_back(PartPlan{name, 0, 0, false, false});
+        p = &plan.parts.back();
+    }
+    p->size = static_cast<uint32_t>(parseNumber(geometry.substr(0, colon), "size", UINT32_MAX, true));
+    if (colon != std::string::npos) {
+        p->erasesize = static_cast<uint32_t>(parseNumber(geometry.substr(colon + 1), "erase size", UINT32_MAX, true));
+        p->eraseGiven = true;
+    }
+}
+
+// --fault NAME:KIND[:ARG]
+void planFault(InitPlan& plan, const std::string& spec) {
+    const size_t a = spec.find(':');
+    if (a == std::string::npos) throw UsageError("--fault wants NAME:KIND[:ARG], not '" + spec + "'");
+    const size_t b = spec.find(':', a + 1);
+    FaultPlan f{spec.substr(0, a), spec.substr(a + 1, b == std::string::npos ? std::string::npos : b - a - 1),
+                b == std::string::npos ? std::string() : spec.substr(b + 1), b != std::string::npos};
+    plan.faults.push_back(f);
+}
+
+InitPlan readPlan(const Args& args) {
+    InitPlan plan;
+    for (size_t i = 0; i < kDefaultPartitionCount; ++i) {
+        const DefaultPartition& d = kDefaultPartitions[i];
+        plan.parts.push_back(PartPlan{d.name, d.size, kDefaultEraseSize, false, d.locked});
+    }
+    const uint32_t local = qim_local_device_code();
+    plan.cap.identity.version = 17;
+    plan.cap.identity.model_id = k_device_id_names[local][0];
+    std::memcpy(plan.cap.identity.mfgc_id.bytes, "TESTMFG", 7);
+    plan.cap.modelName = k_device_friendly_names[local];
+
+    OptionReader in(args, 0);
+    std::string name;
+    while (!in.done()) {
+        if (!in.nextOption(name)) {
+            if (!plan.dir.empty()) throw UsageError("unexpected argument '" + in.peek() + "'");
+            plan.dir = in.positional();
+            continue;
+        }
+        if (name == "--part") {
+            planPart(plan, in.value());
+        } else if (name == "--erase-size") {
+            plan.eraseSize = static_cast<uint32_t>(parseNumber(in.value(), "erase size", UINT32_MAX, true));
+        } else if (name == "--no-part") {
+            const std::string n = in.value();
+            existingPlan(plan, n);
+            plan.parts.erase(plan.parts.begin() + (findPlan(plan, n) - plan.parts.data()));
+        } else if (name == "--lock" || name == "--unlock") {
+            existingPlan(plan, in.value()).locked = name == "--lock";
+        } else if (name == "--phy") {
+            const std::string v = in.value();
+            plan.phyAnswers = v != "none";
+            plan.phyId = plan.phyAnswers ? static_cast<uint16_t>(parseNumber(v, "PHY identity", 0xFFFF)) : 0;
+        } else if (name == "--fault") {
+            planFault(plan, in.value());
+        } else if (name == "--no-cap") {
+            plan.cap.wanted = false;
+            plan.cap.optionGiven = true;
+        } else if (name == "--cap-version") {
+            plan.cap.identity.version = static_cast<uint8_t>(parseNumber(in.value(), "record version", 255));
+            plan.cap.optionGiven = true;
+        } else if (name == "--cap-mfgc") {
+            plan.cap.identity.mfgc_id = parseId(in.value(), "manufacturer ID");
+            plan.cap.optionGiven = true;
+        } else if (name == "--cap-model") {
+            plan.cap.identity.model_id = parseId(in.value(), "model ID");
+            plan.cap.optionGiven = true;
+        } else if (name == "--cap-mfgc-name") {
+            plan.cap.mfgcName = in.value();
+            plan.cap.optionGiven = true;
+        } else if (name == "--cap-model-name") {
+            plan.cap.modelName = in.value();
+            plan.cap.optionGiven = true;
+        } else if (name == "--cap-file") {
+            plan.cap.file = in.value();
+            plan.cap.optionGiven = true;
+        } else {
+            throw UsageError("unknown option " + name + " for init");
+        }
+    }
+    if (plan.dir.empty()) throw UsageError("init needs a board directory");
+    return plan;
+}
+
+BoardRecord buildRecord(InitPlan& plan) {
+    if (plan.parts.size() > kMaxParts) throw UsageError("too many partitions (at most " + std::to_string(kMaxParts) + ")");
+    BoardRecord record;
+    std::memset(&record, 0, sizeof record);
+    std::memcpy(record.magic, kBoardMagic, sizeof kBoardMagic);
+    record.version = kBoardVersion;
+    record.partCount = static_cast<uint32_t>(plan.parts.size());
+    record.phyAnswers = plan.phyAnswers ? 1 : 0;
+    record.phyId = plan.phyId;
+    for (size_t i = 0; i < plan.parts.size(); ++i) {
+        PartPlan& p = plan.parts[i];
+        if (!p.eraseGiven) p.erasesize = plan.eraseSize;
+        // A real partition is a whole number of erase blocks.
+        if (p.erasesize != 0 && p.size % p.erasesize != 0) {
+            throw UsageError("partition " + p.name + ": size " + std::to_string(p.size) +
+                             " is not a multiple of the erase size " + std::to_string(p.erasesize));
+        }
+        PartRecord& r = record.parts[i];
+        std::memcpy(r.name, p.name.c_str(), p.name.size() + 1);
+        r.size = p.size;
+        r.erasesize = p.erasesize;
+        r.locked = p.locked ? 1 : 0;
+        r.eraseFailBlock = kNoBlock;
+    }
+    for (const FaultPlan& f : plan.faults) {
+        const int index = findPart(record, f.part.c_str(), f.part.size());
+        if (index < 0) throw UsageError("--fault: no partition " + f.part + " on the board");
+        try {
+            applyFault(record.parts[index], f.kind, f.arg, f.hasArg);
+        } catch (const std::runtime_error& e) {
+            throw UsageError(e.what());
+        }
+    }
+    return record;
+}
+
+// The capability partition's content: a record made by the capability
+// library's own writer, or the bytes of --cap-file.
+std::vector<uint8_t> capabilityBytes(CapabilityPlan& cap) {
+    if (!cap.file.empty()) {
+        std::ifstream in(cap.file, std::ios::binary);
+        if (!in) throw std::runtime_error("cannot read " + cap.file);
+        return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    cap.identity.mfgc_name = cap.mfgcName.c_str();
+    cap.identity.model_name = cap.modelName.c_str();
+    auto record = std::make_unique<cap_record>();
+    if (cap_build_record(record.get(), &cap.identity) != ZEL_SUCCESS) throw std::runtime_error("cannot build the capability record");
+    // The writer writes to a stream; a memory stream keeps this off the disk.
+    std::vector<uint8_t> bytes(CAP_RECORD_MAX);
+    std::unique_ptr<FILE, int (*)(FILE*)> stream(fmemopen(bytes.data(), bytes.size(), "wb"), &std::fclose);
+    if (!stream || cap_write_record(record.get(), stream.get()) != ZEL_SUCCESS) {
+        throw std::runtime_error("cannot write the capability record");
+    }
+    const long length = std::ftell(stream.get());
+    bytes.resize(length > 0 ? static_cast<size_t>(length) : 0);
+    return bytes;
+}
+
+}  // namespace
+
+int commandInit(const Args& args) {
+    InitPlan plan = readPlan(args);
+    const BoardRecord record = buildRecord(plan);
+    const bool hasCapability = findPart(record, "capability", 10) >= 0;
+    if (!hasCapability && plan.cap.optionGiven && plan.cap.wanted) {
+        throw UsageError("capability options given, but the board has no capability partition");
+    }
+    // Everything is checked before the directory is touched.
+    std::vector<uint8_t> cap;
+    if (hasCapability && plan.cap.wanted) {
+        cap = capabilityBytes(plan.cap);
+        const uint32_t room = record.parts[findPart(record, "capability", 10)].size;
+        if (cap.size() > room) {
+            throw std::runtime_error("the capability record (" + std::to_string(cap.size()) +
+                                     " bytes) does not fit in the capability partition (" + std::to_string(room) + " bytes)");
+        }
+    }
+    BoardDir::create(plan.dir, record);
+    if (!cap.empty()) {
+        BoardDir board(plan.dir);
+        board.store(board.part("capability"), 0, cap);
+    }
+    return 0;
+}
+
+}  // namespace flashsim

@@ -1,0 +1,119 @@
+// Replacements of the functions that act on descriptors: write, pwrite,
+// writev, lseek, close, fclose and ioctl. Descriptors of simulated partitions
+// go to the flash model, the PHY request to the Ethernet model; everything
+// else reaches the C library unchanged.
+#include "tools/flashsim/mtd_requests.h"
+#include "tools/flashsim/preload/flash_ops.h"
+#include "tools/flashsim/preload/hooks.h"
+#include "tools/flashsim/preload/real.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace flashsim;
+
+namespace {
+
+// The partition behind fd, or null (fast when no partition is open).
+const TrackedFd* partitionFd(int fd) { return g_trackedCount == 0 ? nullptr : findFd(fd); }
+
+bool isSocket(int fd) {
+    ErrnoKeeper keep;
+    struct stat st;
+    return fstat(fd, &st) == 0 && S_ISSOCK(st.st_mode);
+}
+
+ssize_t writeAt(const TrackedFd& t, const void* data, size_t length, int64_t offset) {
+    if (offset < 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    return writePartition(t, data, length, &offset);
+}
+
+}  // namespace
+
+FLASHSIM_EXPORT ssize_t write(int fd, const void* data, size_t length) {
+    if (const TrackedFd* t = partitionFd(fd)) return writePartition(*t, data, length, nullptr);
+    return real().write(fd, data, length);
+}
+
+FLASHSIM_EXPORT ssize_t pwrite(int fd, const void* data, size_t length, off_t offset) {
+    if (const TrackedFd* t = partitionFd(fd)) return writeAt(*t, data, length, offset);
+    return real().pwrite(fd, data, length, offset);
+}
+
+FLASHSIM_EXPORT ssize_t pwrite64(int fd, const void* data, size_t length, off64_t offset) {
+    if (const TrackedFd* t = partitionFd(fd)) return writeAt(*t, data, length, offset);
+    return real().pwrite64(fd, data, length, offset);
+}
+
+// C++ file streams write through writev; each piece is one write to the flash.
+FLASHSIM_EXPORT ssize_t writev(int fd, const struct iovec* pieces, int count) {
+    const TrackedFd* t = partitionFd(fd);
+    if (t == nullptr) return real().writev(fd, pieces, count);
+    if (count < 0 || pieces == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    ssize_t total = 0;
+    for (int i = 0; i < count; ++i) {
+        const ssize_t n = writePartition(*t, pieces[i].iov_base, pieces[i].iov_len, nullptr);
+        if (n < 0) return total > 0 ? total : -1;
+        total += n;
+        if (static_cast<size_t>(n) < pieces[i].iov_len) break;
+    }
+    return total;
+}
+
+FLASHSIM_EXPORT off_t lseek(int fd, off_t offset, int whence) noexcept {
+    if (const TrackedFd* t = partitionFd(fd)) return static_cast<off_t>(seekPartition(*t, offset, whence));
+    return real().lseek(fd, offset, whence);
+}
+
+FLASHSIM_EXPORT off64_t lseek64(int fd, off64_t offset, int whence) noexcept {
+    if (const TrackedFd* t = partitionFd(fd)) return seekPartition(*t, offset, whence);
+    return real().lseek64(fd, offset, whence);
+}
+
+FLASHSIM_EXPORT int close(int fd) {
+    const TrackedFd* t = partitionFd(fd);
+    if (t == nullptr) return real().close(fd);
+    const int part = t->part;
+    untrackFd(fd);
+    const int result = real().close(fd);
+    const int error = errno;
+    logClose(part, fd, result, error);
+    errno = error;
+    return result;
+}
+
+FLASHSIM_EXPORT int fclose(FILE* stream) {
+    const int fd = g_trackedCount != 0 && opaque(stream) != nullptr ? fileno(stream) : -1;
+    const TrackedFd* t = fd >= 0 ? partitionFd(fd) : nullptr;
+    if (t == nullptr) return real().fclose(stream);
+    const int part = t->part;
+    untrackFd(fd);
+    const int result = real().fclose(stream);
+    const int error = errno;
+    logClose(part, fd, result, error);
+    errno = error;
+    return result;
+}
+
+FLASHSIM_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
+    va_list ap;
+    va_start(ap, request);
+    void* arg = va_arg(ap, void*);
+    va_end(ap);
+    if (sim() != nullptr) {
+        // The kernel looks at the low 32 bits of the request number only.
+        const uint32_t number = static_cast<uint32_t>(request);
+        if (number == kPhyRequest && isSocket(fd)) return answerPhy(arg);
+        if (const TrackedFd* t = partitionFd(fd)) return ioctlPartition(*t, number, arg);
+    }
+    return real().ioctl(fd, request, arg);
+}

@@ -1,0 +1,155 @@
+// Replacements of the functions that name files without opening them:
+// rename, remove/unlink, the stat and access families, truncate. The board's
+// fixed files are redirected into the board directory; a partition can be
+// looked at (stat, access) but not renamed, removed or truncated.
+#include "tools/flashsim/preload/flash_ops.h"
+#include "tools/flashsim/preload/hooks.h"
+#include "tools/flashsim/preload/real.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace flashsim {
+
+const char* mapPath(const char* path, ResolvedPath& resolved, bool partitionOk) {
+    resolvePath(opaque(path), resolved);
+    switch (resolved.kind) {
+        case PathKind::Other: return path;
+        case PathKind::Mapped: return resolved.path;
+        case PathKind::MissingPartition: errno = ENOENT; return nullptr;
+        case PathKind::Partition:
+            if (!partitionOk) {
+                errno = EPERM;
+                return nullptr;
+            }
+            if (!ensurePartitionBacking(resolved.part)) {
+                errno = EIO;
+                return nullptr;
+            }
+            return resolved.path;
+    }
+    return path;
+}
+
+}  // namespace flashsim
+
+using namespace flashsim;
+
+// One path argument: `call(mapped)` runs the C library's function.
+#define FLASHSIM_ONE_PATH(path, partitionOk, failure, call) \
+    ResolvedPath resolved;                                  \
+    const char* mapped = mapPath(path, resolved, partitionOk); \
+    if (mapped == nullptr && opaque(path) != nullptr) return failure; \
+    return call;
+
+FLASHSIM_EXPORT int rename(const char* from, const char* to) noexcept {
+    ResolvedPath a, b;
+    const char* mappedFrom = mapPath(from, a, false);
+    if (mappedFrom == nullptr && opaque(from) != nullptr) return -1;
+    const char* mappedTo = mapPath(to, b, false);
+    if (mappedTo == nullptr && opaque(to) != nullptr) return -1;
+    return real().rename(mappedFrom, mappedTo);
+}
+
+FLASHSIM_EXPORT int renameat(int fromDir, const char* from, int toDir, const char* to) noexcept {
+    ResolvedPath a, b;
+    const char* mappedFrom = mapPath(from, a, false);
+    if (mappedFrom == nullptr && opaque(from) != nullptr) return -1;
+    const char* mappedTo = mapPath(to, b, false);
+    if (mappedTo == nullptr && opaque(to) != nullptr) return -1;
+    return real().renameat(fromDir, mappedFrom, toDir, mappedTo);
+}
+
+FLASHSIM_EXPORT int renameat2(int fromDir, const char* from, int toDir, const char* to, unsigned int flags) noexcept {
+    ResolvedPath a, b;
+    const char* mappedFrom = mapPath(from, a, false);
+    if (mappedFrom == nullptr && opaque(from) != nullptr) return -1;
+    const char* mappedTo = mapPath(to, b, false);
+    if (mappedTo == nullptr && opaque(to) != nullptr) return -1;
+    return real().renameat2(fromDir, mappedFrom, toDir, mappedTo, flags);
+}
+
+FLASHSIM_EXPORT int remove(const char* path) noexcept {
+    FLASHSIM_ONE_PATH(path, false, -1, real().remove(mapped))
+}
+
+FLASHSIM_EXPORT int unlink(const char* path) noexcept {
+    FLASHSIM_ONE_PATH(path, false, -1, real().unlink(mapped))
+}
+
+FLASHSIM_EXPORT int unlinkat(int dir, const char* path, int flags) noexcept {
+    FLASHSIM_ONE_PATH(path, false, -1, real().unlinkat(dir, mapped, flags))
+}
+
+FLASHSIM_EXPORT int truncate(const char* path, off_t length) noexcept {
+    FLASHSIM_ONE_PATH(path, false, -1, real().truncate(mapped, length))
+}
+
+FLASHSIM_EXPORT int truncate64(const char* path, off64_t length) noexcept {
+    FLASHSIM_ONE_PATH(path, false, -1, real().truncate64(mapped, length))
+}
+
+FLASHSIM_EXPORT int access(const char* path, int mode) noexcept {
+    FLASHSIM_ONE_PATH(path, true, -1, real().access(mapped, mode))
+}
+
+FLASHSIM_EXPORT int faccessat(int dir, const char* path, int mode, int flags) noexcept {
+    FLASHSIM_ONE_PATH(path, true, -1, real().faccessat(dir, mapped, mode, flags))
+}
+
+FLASHSIM_EXPORT int stat(const char* path, struct stat* out) noexcept {
+    FLASHSIM_ONE_PATH(path, true, -1, real().stat(mapped, out))
+}
+
+FLASHSIM_EXPORT int lstat(const char* path, struct stat* out) noexcept {
+    FLASHSIM_ONE_PATH(path, true, -1, real().lstat(mapped, out))
+}
+
+FLASHSIM_EXPORT int stat64(const char* path, struct stat64* out) noexcept {
+    FLASHSIM_ONE_PATH(path, true, -1, real().stat64(mapped, out))
+}
+
+FLASHSIM_EXPORT int lstat64(const char* path, struct stat64* out) noexcept {
+    FLASHSIM_ONE_PATH(path, true, -1, real().lstat64(mapped, out))
+}
+
+FLASHSIM_EXPORT int fstatat(int dir, const char* path, struct stat* out, int flags) noexcept {
+    FLASHSIM_ONE_PATH(path, true, -1, real().fstatat(dir, mapped, out, flags))
+}
+
+FLASHSIM_EXPORT int fstatat64(int dir, const char* path, struct stat64* out, int flags) noexcept {
+    FLASHSIM_ONE_PATH(path, true, -1, real().fstatat64(dir, mapped, out, flags))
+}
+
+FLASHSIM_EXPORT int statx(int dir, const char* path, int flags, unsigned int mask, struct statx* out) noexcept {
+    FLASHSIM_ONE_PATH(path, true, -1, real().statx(dir, mapped, flags, mask, out))
+}
+
+// Programs built against a C library older than 2.33 call these instead of
+// stat() and friends.
+FLASHSIM_EXPORT int __xstat(int version, const char* path, struct stat* out) noexcept {
+    FLASHSIM_ONE_PATH(path, true, -1, real().xstat(version, mapped, out))
+}
+
+FLASHSIM_EXPORT int __lxstat(int version, const char* path, struct stat* out) noexcept {
+    FLASHSIM_ONE_PATH(path, true, -1, real().lxstat(version, mapped, out))
+}
+
+FLASHSIM_EXPORT int __xstat64(int version, const char* path, struct stat64* out) noexcept {
+    FLASHSIM_ONE_PATH(path, true, -1, real().xstat64(version, mapped, out))
+}
+
+FLASHSIM_EXPORT int __lxstat64(int version, const char* path, struct stat64* out) noexcept {
+    FLASHSIM_ONE_PATH(path, true, -1, real().lxstat64(version, mapped, out))
+}
+
+FLASHSIM_EXPORT int __fxstatat(int version, int dir, const char* path, struct stat* out, int flags) noexcept {
+    FLASHSIM_ONE_PATH(path, true, -1, real().fxstatat(version, dir, mapped, out, flags))
+}
+
+FLASHSIM_EXPORT int __fxstatat64(int version, int dir, const char* path, struct stat64* out, int flags) noexcept {
+    FLASHSIM_ONE_PATH(path, true, -1, real().fxstatat64(version, dir, mapped, out, flags))
+}

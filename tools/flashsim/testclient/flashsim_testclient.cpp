@@ -1,0 +1,260 @@
+// A small program for flashsim's own tests: it performs, in order, the
+// operations named on its command line the way a C++ program on the board
+// does (open/ioctl/write on /dev/flash/<name>, a socket ioctl for the PHY,
+// file streams and rename/remove on the /tmp files) and prints one line per
+// operation: the operation's name, its result and, on failure, the errno name.
+// The request numbers are written out here, not taken from flashsim's headers,
+// so the tests check the simulator against the board's real numbers.
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <iterator>
+#include <mtd/mtd-abi.h>
+#include <net/if.h>
+#include <sstream>
+#include <string>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr unsigned long kMemGetInfo = 0x80204D01;
+constexpr unsigned long kMemErase = 0x40084D02;
+constexpr unsigned long kMemLockCtl = 0xC00C4D41;
+constexpr unsigned long kPhyRequest = 0x89F5;
+
+struct LockCtl {
+    uint8_t lock;
+    uint8_t pad[3];
+    uint32_t start;
+    uint32_t length;
+};
+static_assert(sizeof(LockCtl) == 12, "lock-control record");
+static_assert(sizeof(mtd_info_user) == 32 && sizeof(erase_info_user) == 8, "MTD records");
+static_assert(MEMGETINFO == kMemGetInfo && MEMERASE == kMemErase, "MTD request numbers");
+
+// Any value a correct library leaves alone on success.
+constexpr int kErrnoSentinel = EDOM;
+
+std::string errnoName(int e) {
+    switch (e) {
+        case EPERM: return "EPERM";
+        case ENOENT: return "ENOENT";
+        case EIO: return "EIO";
+        case EBADF: return "EBADF";
+        case EFAULT: return "EFAULT";
+        case EEXIST: return "EEXIST";
+        case ENODEV: return "ENODEV";
+        case EINVAL: return "EINVAL";
+        case ENOSPC: return "ENOSPC";
+        case ENOTTY: return "ENOTTY";
+        case EOPNOTSUPP: return "EOPNOTSUPP";
+        default: return "E" + std::to_string(e);
+    }
+}
+
+// "<op> <result>", the errno name when it failed, a marker when a successful
+// call changed errno.
+void report(const std::string& op, long long result, const std::string& extra = "") {
+    const int e = errno;
+    std::printf("%s %lld", op.c_str(), result);
+    if (result < 0) std::printf(" %s", errnoName(e).c_str());
+    if (result >= 0 && e != kErrnoSentinel) std::printf(" ERRNO-CLOBBERED");
+    if (!extra.empty()) std::printf(" %s", extra.c_str());
+    std::printf("\n");
+}
+
+std::string devicePath(const std::string& name) { return name[0] == '/' ? name : "/dev/flash/" + name; }
+
+int openMode(const std::string& m) { return m == "ro" ? O_RDONLY : m == "wo" ? O_WRONLY : O_RDWR; }
+
+unsigned long number(const std::string& s) { return std::strtoul(s.c_str(), nullptr, 0); }
+
+std::string hex(const uint8_t* p, size_t n) {
+    std::string out;
+    char b[3];
+    for (size_t i = 0; i < n; ++i) {
+        std::snprintf(b, sizeof b, "%02x", p[i]);
+        out += b;
+    }
+    return out;
+}
+
+class Client {
+public:
+    // Runs the operation at args[i]; returns the index after its arguments.
+    size_t step(const std::vector<std::string>& a, size_t i) {
+        const std::string& op = a[i];
+        auto arg = [&](size_t k) -> const std::string& {
+            if (i + k >= a.size()) {
+                std::fprintf(stderr, "testclient: %s needs %zu arguments\n", op.c_str(), k);
+                std::exit(2);
+            }
+            return a[i + k];
+        };
+        errno = kErrnoSentinel;
+        if (op == "open") {
+            fd_ = ::open(devicePath(arg(1)).c_str(), openMode(arg(2)));
+            report(op, fd_ < 0 ? -1 : 0);
+            return i + 3;
+        }
+        if (op == "close") {
+            report(op, ::close(fd_));
+            fd_ = -1;
+            return i + 1;
+        }
+        if (op == "getinfo") {
+            mtd_info_user info;
+            std::memset(&info, 0xA5, sizeof info);
+            const int r = ::ioctl(fd_, kMemGetInfo, &info);
+            char extra[160] = "";
+            if (r >= 0) {
+                std::snprintf(extra, sizeof extra, "type=%u flags=0x%x size=%u erasesize=%u writesize=%u oobsize=%u",
+                              info.type, info.flags, info.size, info.erasesize, info.writesize, info.oobsize);
+            }
+            report(op, r, extra);
+            return i + 1;
+        }
+        if (op == "erase") {
+            erase_info_user e{static_cast<uint32_t>(number(arg(1))), static_cast<uint32_t>(number(arg(2)))};
+            report(op, ::ioctl(fd_, kMemErase, &e));
+            return i + 3;
+        }
+        if (op == "lockctl") {
+            LockCtl c{static_cast<uint8_t>(number(arg(1))), {0, 0, 0}, static_cast<uint32_t>(number(arg(2))),
+                      static_cast<uint32_t>(number(arg(3)))};
+            report(op, ::ioctl(fd_, kMemLockCtl, &c));
+            return i + 4;
+        }
+        if (op == "ioctl") {
+            uint8_t scratch[64] = {};
+            report(op, ::ioctl(fd_, number(arg(1)), scratch));
+            return i + 2;
+        }
+        if (op == "write" || op == "pwrite") {
+            const bool at = op == "pwrite";
+            const std::vector<uint8_t> data(number(arg(at ? 2 : 1)), static_cast<uint8_t>(number(arg(at ? 3 : 2))));
+            report(op, at ? ::pwrite(fd_, data.data(), data.size(), static_cast<off_t>(number(arg(1))))
+                          : ::write(fd_, data.data(), data.size()));
+            return i + (at ? 4 : 3);
+        }
+        if (op == "writev") {  // two pieces of LEN bytes each
+            const std::vector<uint8_t> data(number(arg(1)), static_cast<uint8_t>(number(arg(2))));
+            iovec v[2] = {{const_cast<uint8_t*>(data.data()), data.size()}, {const_cast<uint8_t*>(data.data()), data.size()}};
+            report(op, ::writev(fd_, v, 2));
+            return i + 3;
+        }
+        if (op == "seek") {
+            report(op, ::lseek(fd_, static_cast<off_t>(std::strtoll(arg(1).c_str(), nullptr, 0)), SEEK_SET));
+            return i + 2;
+        }
+        if (op == "read") {  // OFFSET LENGTH, printed in hexadecimal
+            std::vector<uint8_t> data(number(arg(2)));
+            const ssize_t n = ::pread(fd_, data.data(), data.size(), static_cast<off_t>(number(arg(1))));
+            report(op, n, n > 0 ? hex(data.data(), static_cast<size_t>(n)) : "");
+            return i + 3;
+        }
+        if (op == "stdio-write") {  // NAME LENGTH BYTE: fopen "r+b", fwrite, fflush
+            FILE* f = std::fopen(devicePath(arg(1)).c_str(), "r+b");
+            if (f == nullptr) {
+                report(op, -1);
+                return i + 4;
+            }
+            const std::vector<uint8_t> data(number(arg(2)), static_cast<uint8_t>(number(arg(3))));
+            const bool written = std::fwrite(data.data(), 1, data.size(), f) == data.size() && std::fflush(f) == 0;
+            const int e = errno;
+            std::fclose(f);
+            errno = e;
+            report(op, written ? 0 : -1);
+            return i + 4;
+        }
+        if (op == "phy") {  // [IFNAME]
+            const bool named = i + 1 < a.size() && a[i + 1].rfind("if=", 0) == 0;
+            const std::string name = named ? a[i + 1].substr(3) : "eth0";
+            const int s = ::socket(AF_INET, SOCK_DGRAM, 0);
+            ifreq request;
+            std::memset(&request, 0, sizeof request);
+            std::strncpy(request.ifr_name, name.c_str(), IFNAMSIZ - 1);
+            uint16_t id = 0xBEEF;  // left as it is when the driver does not answer
+            request.ifr_data = reinterpret_cast<char*>(&id);
+            errno = kErrnoSentinel;
+            const int r = ::ioctl(s, kPhyRequest, &request);
+            const int e = errno;
+            ::close(s);
+            errno = e;
+            char extra[32];
+            std::snprintf(extra, sizeof extra, "id=0x%04x", id);
+            report(op, r, extra);
+            return i + (named ? 2 : 1);
+        }
+        if (op == "ofstream") {  // PATH TEXT: written with truncation
+            std::ofstream out(arg(1), std::ios::binary | std::ios::trunc);
+            out << arg(2);
+            out.close();
+            report(op, out ? 0 : -1);
+            return i + 3;
+        }
+        if (op == "ifstream") {  // PATH: prints the content
+            std::ifstream in(arg(1), std::ios::binary);
+            std::ostringstream content;
+            content << in.rdbuf();
+            report(op, in ? 0 : -1, in ? "[" + content.str() + "]" : "");
+            return i + 2;
+        }
+        if (op == "fopen-read") {  // PATH: fopen "r", fread; prints length and first 8 bytes
+            FILE* f = std::fopen(devicePath(arg(1)).c_str(), "r");
+            if (f == nullptr) {
+                report(op, -1);
+                return i + 2;
+            }
+            std::vector<uint8_t> data(1 << 20);
+            const size_t n = std::fread(data.data(), 1, data.size(), f);
+            std::fclose(f);
+            errno = kErrnoSentinel;
+            report(op, static_cast<long long>(n), hex(data.data(), n < 8 ? n : 8));
+            return i + 2;
+        }
+        if (op == "rename") {
+            report(op, std::rename(arg(1).c_str(), arg(2).c_str()));
+            return i + 3;
+        }
+        if (op == "remove") {
+            report(op, std::remove(arg(1).c_str()));
+            return i + 2;
+        }
+        if (op == "exists") {
+            const int r = ::access(arg(1).c_str(), F_OK);
+            errno = kErrnoSentinel;
+            report(op, r == 0 ? 1 : 0);
+            return i + 2;
+        }
+        if (op == "stat") {
+            struct stat st;
+            const int r = ::stat(devicePath(arg(1)).c_str(), &st);
+            report(op, r, r == 0 ? "size=" + std::to_string(static_cast<long long>(st.st_size)) : "");
+            return i + 2;
+        }
+        std::fprintf(stderr, "testclient: unknown operation %s\n", op.c_str());
+        std::exit(2);
+    }
+
+private:
+    int fd_ = -1;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::vector<std::string> args(argv + 1, argv + argc);
+    Client client;
+    for (size_t i = 0; i < args.size();) i = client.step(args, i);
+    return 0;
+}
