@@ -3,6 +3,8 @@
 
 #include "net/event_loop_internal.h"
 
+zel_error_t (*zel_event_loop_clock)(zel_utime* out) = zel_utime_now;
+
 namespace {
 
 // The wait of a turn when the caller gives no maximum.
@@ -52,7 +54,7 @@ zel_error_t zel_event_loop__run_once(zel_event_loop* loop, const zel_utime* max_
     // A turn without a clock cannot tell due timers from future ones; it is
     // refused as a whole and the loop stays as it was.
     zel_utime now;
-    const zel_error_t clock = zel_utime_now(&now);
+    const zel_error_t clock = zel_event_loop_clock(&now);
     if (clock != ZEL_SUCCESS) return clock;
 
     RunningGuard running(loop);

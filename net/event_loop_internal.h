@@ -60,6 +60,9 @@ struct zel_event_loop {
     bool running;
 };
 
+// The monotonic clock the loop reads; zel_utime_now unless a test replaces it.
+extern zel_error_t (*zel_event_loop_clock)(zel_utime* out);
+
 // Implemented in event_timers.cpp.
 zel_error_t zel_event_loop_dispatch_timers(zel_event_loop* loop, const zel_utime* now);
 void zel_event_loop_free_timers(zel_event_loop* loop);

@@ -141,7 +141,7 @@ zel_error_t zel_event_loop_wait_and_dispatch(zel_event_loop* loop, const zel_uti
     }
 
     zel_utime now;
-    const zel_error_t clock = zel_utime_now(&now);
+    const zel_error_t clock = zel_event_loop_clock(&now);
     if (clock != ZEL_SUCCESS) return clock;
     zel_utime timeout = ZEL_UTIME_ZERO;
     if (zel_utime_before(&now, deadline)) {

@@ -1,6 +1,5 @@
 // Timers of the event loop: an ordered list, earliest expiry first, and the
 // deferral rules that keep a running timer dispatch safe from its callbacks.
-#include <cerrno>
 #include <memory>
 #include <new>
 
@@ -34,18 +33,19 @@ void release(zel_event_timer* timer) {
     delete timer;
 }
 
-// (at or now) + delay; false when the clock cannot be read.
-bool expiry_from(const zel_utime* at, const zel_utime* delay, zel_utime* out) {
+// (at or now) + delay, or the clock's code when it cannot be read.
+zel_error_t expiry_from(const zel_utime* at, const zel_utime* delay, zel_utime* out) {
     zel_utime t;
     if (at != nullptr) {
         t = *at;
         zel_utime_normalise(&t);
-    } else if (zel_utime_now(&t) != ZEL_SUCCESS) {
-        return false;
+    } else {
+        const zel_error_t rc = zel_event_loop_clock(&t);
+        if (rc != ZEL_SUCCESS) return rc;
     }
     if (delay != nullptr) zel_utime_add(&t, delay);
     *out = t;
-    return true;
+    return ZEL_SUCCESS;
 }
 
 zel_error_t add(zel_event_loop* loop, zel_event_timer_cb callback, const zel_utime& expiry, const zel_utime& period,
@@ -94,7 +94,8 @@ zel_error_t zel_event_loop__add_timer(zel_event_loop* loop, zel_event_timer_cb c
         return ZEL_INVALIDPARAMETER;
     }
     zel_utime expiry;
-    if (!expiry_from(at, delay, &expiry)) return zel_error_from_errno(errno);
+    const zel_error_t rc = expiry_from(at, delay, &expiry);
+    if (rc != ZEL_SUCCESS) return rc;
     return add(loop, callback, expiry, ZEL_UTIME_ZERO, context, out);
 }
 
@@ -106,14 +107,16 @@ zel_error_t zel_event_loop__add_periodic_timer(zel_event_loop* loop, zel_event_t
     zel_utime_normalise(&p);
     if (!positive_period(p)) return ZEL_INVALIDPARAMETER;
     zel_utime expiry;
-    if (!expiry_from(first, first == nullptr ? &p : nullptr, &expiry)) return zel_error_from_errno(errno);
+    const zel_error_t rc = expiry_from(first, first == nullptr ? &p : nullptr, &expiry);
+    if (rc != ZEL_SUCCESS) return rc;
     return add(loop, callback, expiry, p, context, out);
 }
 
 zel_error_t zel_event_timer__reschedule(zel_event_timer* timer, const zel_utime* at, const zel_utime* delay) {
     if (timer == nullptr || (at == nullptr && delay == nullptr)) return ZEL_INVALIDPARAMETER;
     zel_utime expiry;
-    if (!expiry_from(at, delay, &expiry)) return zel_error_from_errno(errno);
+    const zel_error_t rc = expiry_from(at, delay, &expiry);
+    if (rc != ZEL_SUCCESS) return rc;
     move(timer, expiry, ZEL_UTIME_ZERO);
     return ZEL_SUCCESS;
 }
@@ -125,7 +128,8 @@ zel_error_t zel_event_timer__reschedule_periodic(zel_event_timer* timer, const z
     zel_utime_normalise(&p);
     if (!positive_period(p)) return ZEL_INVALIDPARAMETER;
     zel_utime expiry;
-    if (!expiry_from(first, first == nullptr ? &p : nullptr, &expiry)) return zel_error_from_errno(errno);
+    const zel_error_t rc = expiry_from(first, first == nullptr ? &p : nullptr, &expiry);
+    if (rc != ZEL_SUCCESS) return rc;
     move(timer, expiry, p);
     return ZEL_SUCCESS;
 }

@@ -300,6 +300,31 @@ TEST_F(Timers, TurnArguments) {
     EXPECT_EQ(zel_event_loop__create(nullptr), ZEL_INVALIDPARAMETER);
 }
 
+zel_error_t broken_clock(zel_utime*) { return ZEL_FAULT; }
+
+// Without a clock a turn cannot tell due timers from future ones: it is
+// refused as a whole, nothing fires, and the loop is not left running.
+TEST_F(Timers, UnreadableClockFailsTheTurnAndTimerCreation) {
+    Probe* p = one_shot("p", base);
+    auto* const saved = zel_event_loop_clock;
+    zel_event_loop_clock = broken_clock;
+    const zel_utime zero{0, 0};
+    const zel_utime period{1, 0};
+    zel_event_timer* out = nullptr;
+    const zel_error_t turn = zel_event_loop__run_once(loop, &zero);
+    const zel_error_t relative = zel_event_loop__add_timer(loop, on_timer, nullptr, &zero, nullptr, &out);
+    const zel_error_t periodic = zel_event_loop__add_periodic_timer(loop, on_timer, nullptr, &period, nullptr, &out);
+    const zel_error_t absolute = zel_event_loop__add_timer(loop, on_timer, &base, nullptr, p, &out);
+    zel_event_loop_clock = saved;
+    EXPECT_EQ(turn, ZEL_FAULT);
+    EXPECT_EQ(relative, ZEL_FAULT);
+    EXPECT_EQ(periodic, ZEL_FAULT);
+    EXPECT_EQ(absolute, ZEL_SUCCESS);  // needs no clock
+    EXPECT_EQ(p->fired, 0);
+    EXPECT_FALSE(loop->running);
+    EXPECT_EQ(loop->timers.count, 2u);
+}
+
 TEST_F(Timers, DestroyReleasesTimersWithoutCallingThem) {
     Probe* p = one_shot("p", base);
     const zel_utime period{1, 0};
