@@ -1,0 +1,224 @@
+// qimtool end to end: the real binary, run as a user would.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/process.h"
+#include "common/tempdir.h"
+#include "qim/capability.h"
+#include "qim/package.h"
+#include "qim/report.h"
+
+namespace {
+
+using testutil::runProcess;
+using testutil::ProcessResult;
+
+ProcessResult qimtool(std::vector<std::string> args) {
+    args.insert(args.begin(), QIMTOOL_BIN);
+    return runProcess(args);
+}
+
+std::vector<unsigned char> pattern(std::size_t n, unsigned seed) {
+    std::vector<unsigned char> b(n);
+    for (std::size_t i = 0; i < n; ++i) b[i] = static_cast<unsigned char>(seed * 31 + i * 13);
+    return b;
+}
+
+class Qimtool : public testing::Test {
+protected:
+    void SetUp() override {
+        testutil::writeBytes(dir.file("image.bin"), pattern(3000, 1));
+        testutil::writeBytes(dir.file("fpga.bin"), pattern(77, 2));
+        ProcessResult cap = qimtool({"capability", "-o", dir.file("cap.bin"), "--mfgc", "41434d4500000000",
+                                     "--model", "4d31000000000000", "--manufacturer-name", "Acme Devices",
+                                     "--model-name", "Board One"});
+        ASSERT_EQ(cap.status, 0) << cap.err;
+    }
+
+    ProcessResult create(const std::string& out, std::vector<std::string> extra) {
+        std::vector<std::string> args = {"create", "-o", dir.file(out), "--device-code", "40",
+                                         "--product-version", "0x00010203"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        return qimtool(args);
+    }
+
+    std::vector<std::string> three_parts() {
+        return {"--mfgc", "41434d4500000000",
+                "--part", "image:4.2.6.0:" + dir.file("image.bin"),
+                "--part", "9:0.0.0.0:" + dir.file("cap.bin"),
+                "--part", "fpga:1.0.0.0:" + dir.file("fpga.bin"),
+                "--model", "4d31000000000000:0,1",
+                "--model", "4d32000000000000:2"};
+    }
+
+    testutil::TempDir dir;
+};
+
+TEST_F(Qimtool, CreateVerifyInfoExtract) {
+    ProcessResult c = create("a.qim", three_parts());
+    ASSERT_EQ(c.status, 0) << c.err;
+
+    ProcessResult v = qimtool({"verify", dir.file("a.qim")});
+    EXPECT_EQ(v.status, 0) << v.err;
+    EXPECT_EQ(std::count(v.out.begin(), v.out.end(), '\n'), 1);
+    EXPECT_NE(v.out.find("ok"), std::string::npos);
+
+    // info prints exactly the library's report.
+    qim_package* raw = nullptr;
+    ASSERT_EQ(qim_package_create(&raw), 0u);
+    std::unique_ptr<qim_package, void (*)(qim_package*)> pkg(raw, qim_package_free);
+    ASSERT_EQ(qim_package_load(pkg.get(), dir.file("a.qim").c_str()), 0u);
+    char* buf = nullptr;
+    std::size_t len = 0;
+    FILE* mem = open_memstream(&buf, &len);
+    qim_package_fprint(pkg.get(), mem);
+    std::fclose(mem);
+    const std::string report(buf, len);
+    std::free(buf);
+    ProcessResult info = qimtool({"info", dir.file("a.qim")});
+    EXPECT_EQ(info.status, 0);
+    EXPECT_EQ(info.out, report);
+    EXPECT_NE(report.find("part_mask: 0x3 (0/image, 1/cap1)"), std::string::npos);
+
+    ProcessResult x = qimtool({"extract", dir.file("a.qim"), "2", "-o", dir.file("out.bin")});
+    ASSERT_EQ(x.status, 0) << x.err;
+    EXPECT_EQ(testutil::readBytes(dir.file("out.bin")), pattern(77, 2));
+    ProcessResult none = qimtool({"extract", dir.file("a.qim"), "3", "-o", dir.file("none.bin")});
+    EXPECT_EQ(none.status, 1);
+    EXPECT_FALSE(testutil::fileExists(dir.file("none.bin")));
+}
+
+TEST_F(Qimtool, InfoJsonCarriesTheFacts) {
+    ASSERT_EQ(create("a.qim", three_parts()).status, 0);
+    ProcessResult j = qimtool({"info", dir.file("a.qim"), "--json"});
+    ASSERT_EQ(j.status, 0) << j.err;
+    for (const char* fact :
+         {"\"version_major\":3", "\"device_code\":40", "\"mfgc_id\":\"41434d4500000000\"",
+          "\"product_version\":\"0x00010203\"",
+          "{\"seq\":0,\"part_id\":1,\"kind\":\"image\",\"partition\":\"image\",\"release_version\":"
+          "\"4.2.6.0\",\"offset\":0,\"position\":144,\"size\":3000}",
+          "\"partition\":\"capability\"", "\"model_id\":\"4d32000000000000\",\"part_mask\":\"0x00000004\",\"parts\":[2]"}) {
+        EXPECT_NE(j.out.find(fact), std::string::npos) << fact << "\n" << j.out;
+    }
+    EXPECT_EQ(j.out.back(), '\n');
+}
+
+TEST_F(Qimtool, OlderVersions) {
+    ASSERT_EQ(create("v2.qim", {"--part", "image:0.0.0.0:" + dir.file("image.bin"), "--v2"}).status, 0);
+    ProcessResult v2 = qimtool({"info", dir.file("v2.qim")});
+    EXPECT_EQ(v2.status, 0) << v2.err;
+    EXPECT_NE(v2.out.find("qim file version: 2.0\n"), std::string::npos);
+
+    ASSERT_EQ(create("v1.qim", {"--part", "image:0.0.0.0:" + dir.file("image.bin"), "--v1"}).status, 0);
+    ProcessResult v1 = qimtool({"verify", dir.file("v1.qim")});
+    EXPECT_EQ(v1.status, 1);
+    EXPECT_EQ(v1.out, "");
+    EXPECT_EQ(v1.err.rfind("unsupported qim version number: 1/0x1\n", 0), 0u) << v1.err;
+
+    // Facts older layouts cannot hold are refused, not dropped.
+    EXPECT_EQ(create("bad.qim", {"--part", "image:1.0.0.0:" + dir.file("image.bin"), "--v2"}).status, 2);
+}
+
+TEST_F(Qimtool, CorruptionIsReportedByTheReader) {
+    ASSERT_EQ(create("a.qim", three_parts()).status, 0);
+    auto bytes = testutil::readBytes(dir.file("a.qim"));
+    bytes[bytes.size() - 1] ^= 0xff;
+    testutil::writeBytes(dir.file("a.qim"), bytes);
+    ProcessResult v = qimtool({"verify", dir.file("a.qim")});
+    EXPECT_EQ(v.status, 1);
+    EXPECT_EQ(v.err.rfind("error: bad checksum: calculated ", 0), 0u) << v.err;
+    ProcessResult i = qimtool({"info", dir.file("a.qim")});
+    EXPECT_EQ(i.status, 1);
+    EXPECT_EQ(i.out, "");
+}
+
+TEST_F(Qimtool, CheckReportsMatchesAndNames) {
+    ASSERT_EQ(create("a.qim", three_parts()).status, 0);
+    ProcessResult ok = qimtool({"check", dir.file("a.qim"), "--device-code", "40", "--mfgc",
+                                "41434d4500000000", "--model", "4d31000000000000"});
+    EXPECT_EQ(ok.status, 0) << ok.err;
+    EXPECT_NE(ok.out.find("result: fits\n"), std::string::npos) << ok.out;
+    EXPECT_NE(ok.out.find("model: matched\n"), std::string::npos);
+    EXPECT_NE(ok.out.find("manufacturer name: Acme Devices\n"), std::string::npos);
+    EXPECT_NE(ok.out.find("model 4d31000000000000: Board One\n"), std::string::npos);
+
+    ProcessResult code = qimtool({"check", dir.file("a.qim"), "--device-code", "39"});
+    EXPECT_EQ(code.status, 1);
+    EXPECT_NE(code.out.find("reason: device code differs\n"), std::string::npos) << code.out;
+
+    ASSERT_EQ(create("v2.qim", {"--part", "image:0.0.0.0:" + dir.file("image.bin"), "--v2"}).status, 0);
+    ProcessResult v2 = qimtool({"check", dir.file("v2.qim"), "--mfgc", "41434d4500000000"});
+    EXPECT_EQ(v2.status, 1);
+    EXPECT_NE(v2.out.find("manufacturer: mismatched (not in the package)\n"), std::string::npos) << v2.out;
+}
+
+TEST_F(Qimtool, CapabilityRecordsOpenAndHoldTheIds) {
+    for (const char* version : {"11", "16", "17"}) {
+        const std::string out = dir.file(std::string("cap") + version);
+        ProcessResult r = qimtool({"capability", "-o", out, "--mfgc", "0011223344556677", "--model",
+                                   "8899aabbccddeeff", "--version", version});
+        ASSERT_EQ(r.status, 0) << r.err;
+        FILE* f = nullptr;
+        uint8_t header[CAP_HEADER_SIZE];
+        ASSERT_EQ(cap_open_with_marker(&f, header, out.c_str(), nullptr), 0u) << version;
+        const int app = header[14] << 8 | header[15];
+        uint8_t app_section[CAP_APP_SECTION_SIZE], manf[CAP_MANF_SECTION_SIZE];
+        ASSERT_EQ(std::fseek(f, app, SEEK_SET), 0);
+        ASSERT_EQ(std::fread(app_section, 1, sizeof app_section, f), sizeof app_section);
+        ASSERT_EQ(std::fseek(f, app_section[28] << 8 | app_section[29], SEEK_SET), 0);
+        ASSERT_EQ(std::fread(manf, 1, sizeof manf, f), sizeof manf);
+        std::fclose(f);
+        EXPECT_EQ(header[8], std::atoi(version));
+        EXPECT_EQ(manf[4], 0x00);
+        EXPECT_EQ(manf[11], 0x77);
+        EXPECT_EQ(manf[12], 0x88);
+        EXPECT_EQ(manf[19], 0xff);
+        EXPECT_EQ(testutil::readBytes(out).size(), std::atoi(version) >= 17 ? 1024u : 404u);
+    }
+}
+
+struct UsageCase {
+    const char* name;
+    std::vector<std::string> args;
+    int status;
+    const char* out_prefix;  // expected start of stdout ("" for none)
+};
+
+class QimtoolUsage : public testing::TestWithParam<UsageCase> {};
+
+TEST_P(QimtoolUsage, HelpAndErrors) {
+    ProcessResult r = qimtool(GetParam().args);
+    EXPECT_EQ(r.status, GetParam().status) << r.err;
+    EXPECT_EQ(r.out.rfind(GetParam().out_prefix, 0), 0u) << r.out;
+    if (r.status != 0) {
+        EXPECT_FALSE(r.err.empty());
+        EXPECT_EQ(r.out, "");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Commands, QimtoolUsage,
+    testing::Values(UsageCase{"TopHelp", {"--help"}, 0, "Usage: qimtool SUBCOMMAND"},
+                    UsageCase{"InfoHelp", {"info", "--help"}, 0, "Usage: qimtool info"},
+                    UsageCase{"VerifyHelp", {"verify", "--help"}, 0, "Usage: qimtool verify"},
+                    UsageCase{"CreateHelp", {"create", "--help"}, 0, "Usage: qimtool create"},
+                    UsageCase{"ExtractHelp", {"extract", "--help"}, 0, "Usage: qimtool extract"},
+                    UsageCase{"CheckHelp", {"check", "--help"}, 0, "Usage: qimtool check"},
+                    UsageCase{"CapabilityHelp", {"capability", "--help"}, 0, "Usage: qimtool capability"},
+                    UsageCase{"NoSubcommand", {}, 2, ""},
+                    UsageCase{"UnknownSubcommand", {"frobnicate"}, 2, ""},
+                    UsageCase{"InfoNoFile", {"info"}, 2, ""},
+                    UsageCase{"MissingFile", {"verify", "/nonexistent/x.qim"}, 1, ""},
+                    UsageCase{"CreateNoParts", {"create", "-o", "x", "--device-code", "40", "--product-version", "1"}, 2, ""},
+                    UsageCase{"CreateBadRelease", {"create", "-o", "x", "--device-code", "40", "--product-version", "1", "--part", "image:1.2.3:f"}, 2, ""},
+                    UsageCase{"CreateBadKind", {"create", "-o", "x", "--device-code", "40", "--product-version", "1", "--part", "nokind:1.2.3.4:f"}, 2, ""},
+                    UsageCase{"CapabilityShortId", {"capability", "-o", "x", "--mfgc", "0011", "--model", "0011223344556677"}, 2, ""},
+                    UsageCase{"ExtractBadSeq", {"extract", "f", "x1", "-o", "y"}, 2, ""}),
+    [](const testing::TestParamInfo<UsageCase>& i) { return std::string(i.param.name); });
+
+}  // namespace
