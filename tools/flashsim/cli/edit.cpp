@@ -88,11 +88,7 @@ int commandFault(const Args& args) {
     PartRecord& p = board.record().parts[board.part(args[1])];
     // Checked on a copy, so a bad argument changes nothing.
     PartRecord changed = p;
-    try {
-        applyFault(changed, args[2], args.size() == 4 ? args[3] : std::string(), args.size() == 4);
-    } catch (const std::runtime_error& e) {
-        throw UsageError(e.what());
-    }
+    applyFault(changed, args[2], args.size() == 4 ? args[3] : std::string(), args.size() == 4);
     p.faults = changed.faults;
     p.eraseFailBlock = changed.eraseFailBlock;
     p.shortWriteAt = changed.shortWriteAt;

@@ -20,6 +20,7 @@ struct PartPlan {
     std::string name;
     uint32_t size;
     uint32_t erasesize;
+    bool sizeGiven;   // by --part; a default size is rounded up to whole erase blocks
     bool eraseGiven;  // by --part; otherwise --erase-size applies
     bool locked;
 };
@@ -77,10 +78,11 @@ void planPart(InitPlan& plan, const std::string& spec) {
     const size_t colon = geometry.find(':');
     PartPlan* p = findPlan(plan, name);
     if (p == nullptr) {
-        plan.parts.push_back(PartPlan{name, 0, 0, false, false});
+        plan.parts.push_back(PartPlan{name, 0, 0, true, false, false});
         p = &plan.parts.back();
     }
     p->size = static_cast<uint32_t>(parseNumber(geometry.substr(0, colon), "size", UINT32_MAX, true));
+    p->sizeGiven = true;
     if (colon != std::string::npos) {
         p->erasesize = static_cast<uint32_t>(parseNumber(geometry.substr(colon + 1), "erase size", UINT32_MAX, true));
         p->eraseGiven = true;
@@ -101,7 +103,7 @@ InitPlan readPlan(const Args& args) {
     InitPlan plan;
     for (size_t i = 0; i < kDefaultPartitionCount; ++i) {
         const DefaultPartition& d = kDefaultPartitions[i];
-        plan.parts.push_back(PartPlan{d.name, d.size, kDefaultEraseSize, false, d.locked});
+        plan.parts.push_back(PartPlan{d.name, d.size, kDefaultEraseSize, false, false, d.locked});
     }
     const uint32_t local = qim_local_device_code();
     plan.cap.identity.version = 17;
@@ -174,6 +176,11 @@ BoardRecord buildRecord(InitPlan& plan) {
     for (size_t i = 0; i < plan.parts.size(); ++i) {
         PartPlan& p = plan.parts[i];
         if (!p.eraseGiven) p.erasesize = plan.eraseSize;
+        if (!p.sizeGiven && p.erasesize != 0 && p.size % p.erasesize != 0) {
+            const uint64_t rounded = (uint64_t{p.size} / p.erasesize + 1) * p.erasesize;
+            if (rounded > UINT32_MAX) throw UsageError("erase size too large for partition " + p.name);
+            p.size = static_cast<uint32_t>(rounded);
+        }
         // A real partition is a whole number of erase blocks.
         if (p.erasesize != 0 && p.size % p.erasesize != 0) {
             throw UsageError("partition " + p.name + ": size " + std::to_string(p.size) +
@@ -189,11 +196,7 @@ BoardRecord buildRecord(InitPlan& plan) {
     for (const FaultPlan& f : plan.faults) {
         const int index = findPart(record, f.part.c_str(), f.part.size());
         if (index < 0) throw UsageError("--fault: no partition " + f.part + " on the board");
-        try {
-            applyFault(record.parts[index], f.kind, f.arg, f.hasArg);
-        } catch (const std::runtime_error& e) {
-            throw UsageError(e.what());
-        }
+        applyFault(record.parts[index], f.kind, f.arg, f.hasArg);
     }
     return record;
 }

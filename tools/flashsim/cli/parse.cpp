@@ -1,14 +1,15 @@
 #include "tools/flashsim/cli/parse.h"
 
+#include "tools/flashsim/cli/commands.h"
+
 #include <cctype>
 #include <cstring>
-#include <stdexcept>
 
 namespace flashsim {
 namespace {
 
-std::runtime_error bad(const std::string& what, const std::string& text, const std::string& why) {
-    return std::runtime_error("bad " + what + " '" + text + "': " + why);
+UsageError bad(const std::string& what, const std::string& text, const std::string& why) {
+    return UsageError("bad " + what + " '" + text + "': " + why);
 }
 
 }  // namespace
@@ -72,7 +73,7 @@ qim_id parseId(const std::string& text, const std::string& what) {
 void applyFault(PartRecord& part, const std::string& kind, const std::string& arg, bool hasArg) {
     const bool needsArg = kind == "erase" || kind == "short-write" || kind == "fail-write";
     if (needsArg != hasArg) {
-        throw std::runtime_error("fault " + kind + (needsArg ? " needs an argument" : " takes no argument"));
+        throw UsageError("fault " + kind + (needsArg ? " needs an argument" : " takes no argument"));
     }
     if (kind == "open") {
         part.faults |= kFaultOpen;
@@ -86,7 +87,7 @@ void applyFault(PartRecord& part, const std::string& kind, const std::string& ar
         part.eraseFailBlock = static_cast<uint32_t>(parseNumber(arg, "erase block", kNoBlock - 1));
     } else if (kind == "short-write" || kind == "fail-write") {
         const uint64_t n = parseNumber(arg, "write number", UINT32_MAX);
-        if (n == 0) throw std::runtime_error("write number counts from 1 (the next write)");
+        if (n == 0) throw UsageError("write number counts from 1 (the next write)");
         (kind == "short-write" ? part.shortWriteAt : part.failWriteAt) = part.count.writes + n;
     } else if (kind == "clear") {
         part.faults = 0;
@@ -94,7 +95,7 @@ void applyFault(PartRecord& part, const std::string& kind, const std::string& ar
         part.shortWriteAt = 0;
         part.failWriteAt = 0;
     } else {
-        throw std::runtime_error("unknown fault '" + kind +
+        throw UsageError("unknown fault '" + kind +
                                  "' (open, getinfo, erase BLOCK, unlock, lock, short-write N, fail-write N, clear)");
     }
 }

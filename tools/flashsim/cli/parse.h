@@ -1,5 +1,5 @@
 // Parsing of the flashsim command's arguments. Every parser throws
-// std::runtime_error with a message naming the bad text.
+// UsageError (commands.h) with a message naming the bad text.
 #pragma once
 
 #include "qim/qim_id.h"
