@@ -39,4 +39,11 @@ void append_model(qim_package* pkg, qim_model* model);
 // print one "error: ..." line on stderr.
 zel_error_t copy_part_data(const qim_part* part, FILE* out, uint32_t* crc, uint32_t* sum);
 
+// The whole-file CRC test of a loaded version-3 header: the first 64 bytes
+// from `buf` (its checksum field is zeroed here), the rest read again from
+// `path` from byte 64 on. 0; 4 with the bad-checksum message; 6 with
+// "error: cannot reopen ..." or "error: cannot read ..." when the file
+// cannot be opened or read a second time.
+zel_error_t check_version3_file_crc(const qim_package* pkg, uint8_t* buf, const char* path);
+
 }  // namespace qim_internal

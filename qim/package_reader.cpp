@@ -167,8 +167,10 @@ zel_error_t parse_version3(qim_package* pkg, const uint8_t* buf, std::size_t len
     return ZEL_SUCCESS;
 }
 
-// The whole-file CRC of a version-3 package: the first 64 bytes from the
-// buffer (checksum field zeroed), the rest straight from the file.
+}  // namespace
+
+namespace qim_internal {
+
 zel_error_t check_version3_file_crc(const qim_package* pkg, uint8_t* buf, const char* path) {
     std::memset(buf + fmt::v3::kOffChecksum, 0, 4);
     uint32_t crc = crc32_update(CRC32_INIT, buf, fmt::v3::kHeaderSize);
@@ -196,7 +198,7 @@ zel_error_t check_version3_file_crc(const qim_package* pkg, uint8_t* buf, const 
     return ZEL_SUCCESS;
 }
 
-}  // namespace
+}  // namespace qim_internal
 
 uint32_t qim_local_device_code(void) { return QIM_LOCAL_DEVICE_CODE; }
 
@@ -274,7 +276,7 @@ zel_error_t qim_package_load(qim_package* pkg, const char* path) {
         return rc;
     }
     if (pkg->header->version_major == 3) {
-        return check_version3_file_crc(pkg, buf.get(), path);
+        return qim_internal::check_version3_file_crc(pkg, buf.get(), path);
     }
     return ZEL_SUCCESS;
 }

@@ -4,6 +4,7 @@
 #include <functional>
 
 #include "qim/package.h"
+#include "qim/package_internal.h"
 #include "qim_test_util.h"
 
 namespace {
@@ -133,6 +134,20 @@ TEST(Load, MissingFileIsNoMemoryWithoutMessage) {
     EXPECT_EQ(qim_package_load(pkg.get(), dir.file("absent.qim").c_str()), ZEL_NOMEMORY);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(pkg->header, nullptr);
+}
+
+TEST(Load, FileThatCannotBeOpenedAgainIsReported) {
+    // The file CRC pass opens the file a second time; when it has gone in
+    // between, that is said instead of reading through a null stream.
+    testutil::TempDir dir;
+    Bytes b = make_v3(two_parts_one_model());
+    PackagePtr pkg = new_package();
+    const std::string gone = dir.file("gone.qim");
+    ASSERT_EQ(qim_package_parse_header(pkg.get(), b.data(), 512, gone.c_str()), ZEL_SUCCESS);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(qim_internal::check_version3_file_crc(pkg.get(), b.data(), gone.c_str()), ZEL_NOMEMORY);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "error: cannot reopen " + gone + ": No such file or directory\n");
 }
 
 TEST(Load, SecondLoadIsRefused) {
