@@ -1,0 +1,115 @@
+// Fetching the firmware file named on a tftp:// command line into
+// /tmp/flashit: mark the download in the status file, resolve the server,
+// start the TFTP request and turn the event loop until the client's callback
+// reports the end of the transfer.
+#include "app/flash_upgrader.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <sys/socket.h>
+
+#include "app/status_file.h"
+#include "net/env.h"
+#include "net/event_loop.h"
+#include "net/socket.h"
+#include "net/tftp_client.h"
+#include "net/tftp_state.h"
+
+namespace {
+
+constexpr const char* kLocalFile = "/tmp/flashit";
+constexpr const char* kDefaultTftpService = "69";
+// One dot per 150 progress reports: 150 blocks of 512 bytes.
+constexpr uint32_t kTicksPerDot = 150;
+
+// Shared by downloadFile and the callback, which runs inside the event loop
+// turned by downloadFile on the same thread.
+int downloadResult = 0;
+// Progress reports seen since the process started; never reset.
+uint32_t progressTicks = 0;
+
+struct FileCloser {
+    void operator()(FILE* file) const { std::fclose(file); }
+};
+
+}  // namespace
+
+int FlashUpgrader::downloadFile(const std::string& host, const std::string& port,
+                                const std::string& remoteName) {
+    // Marked before anything can fail, so a supervisor sees the run start.
+    status_file::writeDownloadPhase(status_file::kStatusPath);
+
+    zel_sockaddr server{};
+    const char* service = port.empty() ? kDefaultTftpService : port.c_str();
+    zel_error_t rc = zel_resolve_address(&server, AF_INET, host.c_str(), service);
+    if (rc != ZEL_SUCCESS) {
+        std::cerr << "Error parsing server address: " << zel_error_text(rc, errorText) << std::endl;
+        // The one failure that ends the process here; the status file keeps
+        // its "status=1" line.
+        std::exit(-1);
+    }
+
+    std::unique_ptr<FILE, FileCloser> file(std::fopen(kLocalFile, "w+b"));
+    if (!file) {
+        std::cerr << "Error opening local file " << zel_error_text(zel_error_from_errno(errno), errorText)
+                  << std::endl;
+        return ZEL_ACCES;
+    }
+
+    rc = zel_tftp_client__recv_file(tftpClient, &server, remoteName.c_str(), file.get(), std::fwrite,
+                                    nullptr, nullptr, &activeRequest);
+    if (rc != ZEL_SUCCESS) {
+        std::cerr << "Error initiating recv: " << zel_error_text(rc, errorText) << std::endl;
+        return ZEL_INVALIDPARAMETER;
+    }
+    std::cout << "Starting file download" << std::endl;
+    downloadResult = 0;
+
+    // The client's abort timer ends every request that stops making progress,
+    // so this loop ends at the latest 5 seconds after the last new block.
+    const zel_utime maxWait = {1, 0};
+    while (activeRequest != nullptr) {
+        rc = zel_event_loop__run_once(env->loop, &maxWait);
+        if (rc != ZEL_SUCCESS) {
+            std::cerr << "Error processing events: " << zel_error_text(rc, errorText) << std::endl;
+            return ZEL_NOMEMORY;
+        }
+    }
+    return downloadResult;
+}
+
+void FlashUpgrader::tftpRequestCallback(zel_tftp_client_request* request) {
+    auto* owner = static_cast<FlashUpgrader*>(
+        zel_tftp_client__context(zel_tftp_client_request__client(request)));
+    if (owner == nullptr || request != owner->activeRequest) {
+        std::cout << "client requests don't match" << std::endl;
+        return;
+    }
+    switch (zel_tftp_client_request__state(request)) {
+    case ZEL_TFTP_CLIENT_REQUEST_STATE_COMPLETED:
+        downloadResult = 0;
+        std::cout << " " << zel_tftp_client_request__bytes_transferred(request) << " bytes transferred"
+                  << std::endl;
+        zel_tftp_client_request__reset(request);
+        owner->activeRequest = nullptr;
+        break;
+    case ZEL_TFTP_CLIENT_REQUEST_STATE_ERROR: {
+        const zel_error_t error = zel_tftp_client_request__error(request);
+        downloadResult = static_cast<int>(error);
+        std::cerr << "Request Error: " << zel_error_text(error, owner->errorText) << std::endl;
+        zel_tftp_client_request__reset(request);
+        owner->activeRequest = nullptr;
+        break;
+    }
+    default:
+        // A progress report: one per block that brought data.
+        ++progressTicks;
+        if (progressTicks % kTicksPerDot == 0) {
+            std::cout << '.' << std::flush;
+        }
+        break;
+    }
+}

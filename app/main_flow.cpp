@@ -1,0 +1,258 @@
+#include "app/main_flow.h"
+
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <limits>
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "app/command_line.h"
+#include "app/flash_upgrader.h"
+#include "app/status_file.h"
+#include "net/env.h"
+#include "net/log.h"
+#include "qim/qim_id.h"
+
+namespace {
+
+constexpr int kExitDownloadFailed = 2;
+constexpr int kExitUsage = 5;
+constexpr int kExitNotPartitionOrPackage = 6;
+constexpr const char* kDownloadedFile = "/tmp/flashit";
+
+// Identifier overrides given with -O (model) and -A (manufacturer).
+struct Overrides {
+    bool model = false;
+    qim_id modelId = QIM_MODEL_ID_ANY;
+    bool mfgc = false;
+    qim_id mfgcId = QIM_MFGC_ID_ANY;
+};
+
+// One override option at args[i]. An identifier that does not parse is an
+// error unless the next word is one of `noIdFollowers` (the option was given
+// without an identifier, as when it is the last argument). Returns false after
+// printing the refusal.
+bool takeOverride(const std::vector<std::string>& args, std::size_t i, const char* otherOption,
+                  const char* validText, const char* invalidText, bool* isSet, qim_id* id,
+                  const qim_id& wildcard) {
+    if (i + 1 >= args.size()) {
+        *id = wildcard;
+        *isSet = true;
+        return true;
+    }
+    const std::string& next = args[i + 1];
+    if (qim_id_from_hex(id, next.c_str()) == ZEL_SUCCESS) {
+        std::cerr << "main" << validText << std::endl;
+        *isSet = true;
+        return true;
+    }
+    if (next == otherOption || next == "-S") {
+        *id = wildcard;
+        *isSet = true;
+        return true;
+    }
+    std::cerr << "main" << invalidText << std::endl;
+    return false;
+}
+
+// The option scan over every argument from position 1. Returns -1 to go on,
+// or the exit status. "-S" does not return: the status query ends the process.
+int scanOptions(const std::vector<std::string>& args, bool* localSeen, Overrides* overrides) {
+    for (std::size_t i = 1; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        if (arg == "-?" || arg == "--help") {
+            command_line::printUsage(args[0]);
+            return kExitUsage;
+        }
+        if (arg == "-S") {
+            status_file::queryStatus();
+        }
+        if (arg == "local") {
+            *localSeen = true;
+        } else if (arg == "-O") {
+            if (!takeOverride(args, i, "-A", ": Model ID override valid", ": Invalid Model ID",
+                              &overrides->model, &overrides->modelId, QIM_MODEL_ID_ANY)) {
+                command_line::printUsage(args[0]);
+                return kExitUsage;
+            }
+        } else if (arg == "-A") {
+            if (!takeOverride(args, i, "-O", ": Manf ID override valid", ": Invalid Manf ID",
+                              &overrides->mfgc, &overrides->mfgcId, QIM_MFGC_ID_ANY)) {
+                command_line::printUsage(args[0]);
+                return kExitUsage;
+            }
+        }
+        // The scan advances by one: an identifier after -O/-A is looked at
+        // next and, being no option word, ignored.
+    }
+    return -1;
+}
+
+// Reads the whole raw image. False when the file cannot be opened or read, is
+// larger than the 32-bit size the writer takes, or memory runs out; no buffer
+// is ever sized from a length that was not determined.
+bool readRawImage(const std::string& path, std::vector<uint8_t>* image) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        return false;
+    }
+    in.seekg(0, std::ios::end);
+    const std::streamoff length = in.tellg();
+    if (length < 0 || static_cast<uint64_t>(length) > std::numeric_limits<uint32_t>::max()) {
+        return false;
+    }
+    in.seekg(0, std::ios::beg);
+    try {
+        image->assign(static_cast<std::size_t>(length), 0);
+    } catch (const std::bad_alloc&) {
+        return false;
+    } catch (const std::length_error&) {
+        return false;
+    }
+    if (length == 0) {
+        return true;
+    }
+    in.read(reinterpret_cast<char*>(image->data()), length);
+    return in.gcount() == length;
+}
+
+// The raw path of step "flash": failures are reported, never turned into an
+// exit status.
+void flashRawImage(FlashUpgrader& upgrader, const std::string& path, const std::string& partition) {
+    std::vector<uint8_t> image;
+    if (!readRawImage(path, &image)) {
+        std::cerr << "Error reading from file " << path << std::endl;
+        return;
+    }
+    const int isProtected = FlashUpgrader::isPartitionProtected(partition);
+    const uint8_t* bytes = image.empty() ? nullptr : image.data();
+    if (upgrader.writeImageToFlash(partition, static_cast<uint32_t>(image.size()), isProtected,
+                                   bytes) != ZEL_SUCCESS) {
+        std::cerr << "Error writing to flash" << std::endl;
+    }
+}
+
+void removeStatusFile() {
+    std::remove(status_file::kStatusPath);
+}
+
+int runUpgrade(zel_env* env, int argc, char** argv, const std::vector<std::string>& args,
+               bool localSeen, const Overrides& overrides) {
+    command_line::Source source;
+    if (!localSeen) {
+        source = command_line::parseSource(args[1]);
+    }
+    const std::string fileName = args[2];
+    const std::string partitionName = args[3];
+
+    std::unique_ptr<FlashUpgrader> upgrader(new FlashUpgrader(env));
+    // Every return below this point destroys the context before the status
+    // file goes, so nothing writes the file after its removal.
+    auto finish = [&upgrader](int status) {
+        upgrader.reset();
+        removeStatusFile();
+        return status;
+    };
+    if (upgrader->init() != ZEL_SUCCESS) {
+        std::cerr << "Error initialising brivlo" << std::endl;
+        return finish(kExitUsage);
+    }
+
+    bool package = false;
+    const bool known = FlashUpgrader::isValidPartitionName(partitionName);
+    if (!partitionName.empty() && !(known && partitionName != "qim")) {
+        if (!command_line::hasQimExtension(fileName)) {
+            std::cerr << "main" << ": Error - file is not of type qim or missing partition name"
+                      << std::endl;
+            return finish(kExitNotPartitionOrPackage);
+        }
+        package = true;
+        if (!known) {
+            // Package form with identifiers in place of the partition name.
+            qim_id model = QIM_MODEL_ID_ANY;
+            const zel_error_t rc = qim_id_from_hex(&model, argv[3]);
+            if (rc != ZEL_SUCCESS) {
+                std::cerr << "main" << ": Invalid argument \"" << argv[3] << "\"" << std::endl;
+                command_line::printUsage(args[0]);
+                return finish(static_cast<int>(rc));
+            }
+            const qim_id current = upgrader->getModelId();
+            if (!qim_id_equal(&model, &current)) {
+                upgrader->setModelId(model);
+            }
+            if (argc != 4) {
+                qim_id mfgc = QIM_MFGC_ID_ANY;
+                qim_id_from_hex(&mfgc, argv[4]);  // a failure leaves the wildcard
+                upgrader->setMfgcId(mfgc);
+            }
+        }
+        // -O and -A win over the device and the positional identifiers.
+        if (overrides.model) {
+            upgrader->setModelId(overrides.modelId);
+        }
+        if (overrides.mfgc) {
+            upgrader->setMfgcId(overrides.mfgcId);
+        }
+    }
+
+    std::string path = fileName;
+    if (source.download) {
+        if (upgrader->downloadFile(source.host, source.port, fileName) != ZEL_SUCCESS) {
+            std::cerr << "TFTP download error" << std::endl;
+            return finish(kExitDownloadFailed);
+        }
+        path = kDownloadedFile;
+    }
+
+    if (package) {
+        const int rc = upgrader->flashQimFile(path.c_str());
+        if (rc != ZEL_SUCCESS) {
+            std::cerr << "Failed to write QIM file. Exiting." << std::endl;
+            return finish(rc);
+        }
+    } else {
+        flashRawImage(*upgrader, path, partitionName);
+    }
+
+    std::cout << std::endl << "Brivlo done" << std::endl;
+    return finish(0);
+}
+
+}  // namespace
+
+int brivloMain(int argc, char** argv) {
+    zel_env* env = nullptr;
+    const zel_error_t envRc = zel_env_create(&env);
+    if (envRc != ZEL_SUCCESS) {
+        char text[ZEL_ERROR_TEXT_SIZE];
+        std::printf("Error creating env: %s\n", zel_error_text(envRc, text));
+        return kExitUsage;
+    }
+    // Library errors, warnings and notices reach the terminal; the environment
+    // is never released, the process ends holding it.
+    zel_log_set_level(env->log, ZEL_LOG_DEST_STDERR, ZEL_LOG_NOTICE);
+
+    std::vector<std::string> args;
+    for (int i = 0; i < argc; ++i) {
+        args.emplace_back(argv[i] != nullptr ? argv[i] : "");
+    }
+    if (args.empty()) {
+        args.emplace_back();
+    }
+
+    bool localSeen = false;
+    Overrides overrides;
+    const int scanStatus = scanOptions(args, &localSeen, &overrides);
+    if (scanStatus >= 0) {
+        return scanStatus;
+    }
+    if (argc <= 3) {
+        command_line::printUsage(args[0]);
+        removeStatusFile();
+        return kExitUsage;
+    }
+    return runUpgrade(env, argc, argv, args, localSeen, overrides);
+}
