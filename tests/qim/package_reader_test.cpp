@@ -341,13 +341,4 @@ INSTANTIATE_TEST_SUITE_P(
         MatchCase{"BeyondMask", {{id_text("A"), 0xFFFFFFFFu}}, "A", 32, false, ""}),
     [](const testing::TestParamInfo<MatchCase>& i) { return std::string(i.param.name); });
 
-TEST(Accessors, EmptyPackage) {
-    PackagePtr pkg = new_package();
-    EXPECT_EQ(qim_package_get_total_size(pkg.get()), 0u);
-    EXPECT_EQ(qim_package_get_num_parts(pkg.get()), 0);
-    EXPECT_EQ(qim_package_get_model(pkg.get(), 0), nullptr);
-    EXPECT_TRUE(qim_id_is_any(qim_package_get_mfgc_id(pkg.get())));
-    EXPECT_EQ(qim_local_device_code(), 40u);
-}
-
 }  // namespace

@@ -174,21 +174,6 @@ TEST(IdNum, FormatsAndParses) {
     EXPECT_FALSE(qim_id_num_from_string(nullptr, buf));
 }
 
-TEST(IdChars, NameCharsAndHexDigits) {
-    EXPECT_TRUE(qim_id_is_name_char('a'));
-    EXPECT_TRUE(qim_id_is_name_char('Z'));
-    EXPECT_TRUE(qim_id_is_name_char('7'));
-    EXPECT_TRUE(qim_id_is_name_char('_'));
-    EXPECT_TRUE(qim_id_is_name_char('-'));
-    EXPECT_FALSE(qim_id_is_name_char(' '));
-    EXPECT_FALSE(qim_id_is_name_char('.'));
-    EXPECT_FALSE(qim_id_is_name_char(0xe9));
-    EXPECT_EQ(qim_hex_digit_value('0'), 0);
-    EXPECT_EQ(qim_hex_digit_value('f'), 15);
-    EXPECT_EQ(qim_hex_digit_value('A'), 10);
-    EXPECT_EQ(qim_hex_digit_value('g'), 255);
-}
-
 TEST(Bitset, ToStringListsBitsAndCutsShort) {
     uint32_t set[3] = {40, 0, 0};
     char buf[64];

@@ -166,18 +166,16 @@ TEST_F(Qimtool, CapabilityRecordsOpenAndHoldTheIds) {
         FILE* f = nullptr;
         uint8_t header[CAP_HEADER_SIZE];
         ASSERT_EQ(cap_open_with_marker(&f, header, out.c_str(), nullptr), 0u) << version;
-        const int app = header[14] << 8 | header[15];
-        uint8_t app_section[CAP_APP_SECTION_SIZE], manf[CAP_MANF_SECTION_SIZE];
-        ASSERT_EQ(std::fseek(f, app, SEEK_SET), 0);
-        ASSERT_EQ(std::fread(app_section, 1, sizeof app_section, f), sizeof app_section);
-        ASSERT_EQ(std::fseek(f, app_section[28] << 8 | app_section[29], SEEK_SET), 0);
-        ASSERT_EQ(std::fread(manf, 1, sizeof manf, f), sizeof manf);
         std::fclose(f);
-        EXPECT_EQ(header[8], std::atoi(version));
-        EXPECT_EQ(manf[4], 0x00);
-        EXPECT_EQ(manf[11], 0x77);
-        EXPECT_EQ(manf[12], 0x88);
-        EXPECT_EQ(manf[19], 0xff);
+        // Where the board's identity reading looks: app link at 14, manf link
+        // at app + 28, the IDs at manf + 4 and manf + 12.
+        const auto b = testutil::readBytes(out);
+        const int app = b[14] << 8 | b[15];
+        const int manf = b[app + 28] << 8 | b[app + 29];
+        EXPECT_EQ(b[8], std::atoi(version));
+        EXPECT_EQ(std::vector<unsigned char>(b.begin() + manf + 4, b.begin() + manf + 20),
+                  (std::vector<unsigned char>{0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88,
+                                              0x99, 0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff}));
         EXPECT_EQ(testutil::readBytes(out).size(), std::atoi(version) >= 17 ? 1024u : 404u);
     }
 }
