@@ -7,6 +7,7 @@
 // untouched when they fail.
 #pragma once
 
+#include "net/socket.h"
 #include "support/errors.h"
 
 #include <cstdint>
@@ -56,6 +57,14 @@ struct zel_tftp_packet_view {
                               // necessarily terminated); RRQ/WRQ: the file name
     uint32_t payload_length;  // bytes at `payload` (RRQ/WRQ: name length)
     const char* mode;         // RRQ/WRQ: the terminated transfer mode
+};
+
+// One datagram with its peer: the destination of an outgoing packet or the
+// source of a received one.
+struct zel_tftp_message {
+    zel_sockaddr address;
+    uint8_t packet[ZEL_TFTP_PACKET_SIZE];
+    uint32_t length;  // bytes of `packet` in use
 };
 
 // Decodes `length` bytes at `packet` (null is taken as empty). Never fails:
