@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
+
 namespace flashsimtest {
 
 std::vector<std::string> splitLines(const std::string& text) {
@@ -14,6 +16,12 @@ std::vector<std::string> splitLines(const std::string& text) {
         start = end + 1;
     }
     return lines;
+}
+
+std::string maskFds(const std::string& text) {
+    static const std::regex openResult("(^|\n)(open [^ ]+ mode=[a-z]+ result=)[0-9]+");
+    static const std::regex closeFd("(^|\n)(close [^ ]+ fd=)[0-9]+");
+    return std::regex_replace(std::regex_replace(text, openResult, "$1$2FD"), closeFd, "$1$2FD");
 }
 
 SimBoard::SimBoard(const std::vector<std::string>& initOptions) : temp_("flashsim-test"), dir_(temp_.file("board")) {

@@ -42,4 +42,9 @@ private:
 
 std::vector<std::string> splitLines(const std::string& text);
 
+// Log text with descriptor numbers replaced by "FD" ("open kernel mode=rdwr
+// result=FD", "close kernel fd=FD ..."): they depend on what the test runner
+// leaves open.
+std::string maskFds(const std::string& text);
+
 }  // namespace flashsimtest
