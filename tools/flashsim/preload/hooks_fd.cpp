@@ -51,7 +51,8 @@ FLASHSIM_EXPORT ssize_t pwrite64(int fd, const void* data, size_t length, off64_
     return real().pwrite64(fd, data, length, offset);
 }
 
-// C++ file streams write through writev; each piece is one write to the flash.
+// C++ file streams write through writev; each non-empty piece is one write to
+// the flash (the streams pass an empty piece for an empty buffer).
 FLASHSIM_EXPORT ssize_t writev(int fd, const struct iovec* pieces, int count) {
     const TrackedFd* t = partitionFd(fd);
     if (t == nullptr) return real().writev(fd, pieces, count);
@@ -61,6 +62,7 @@ FLASHSIM_EXPORT ssize_t writev(int fd, const struct iovec* pieces, int count) {
     }
     ssize_t total = 0;
     for (int i = 0; i < count; ++i) {
+        if (pieces[i].iov_len == 0) continue;
         const ssize_t n = writePartition(*t, pieces[i].iov_base, pieces[i].iov_len, nullptr);
         if (n < 0) return total > 0 ? total : -1;
         total += n;
