@@ -1,0 +1,121 @@
+#include "brivlo_board.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <sstream>
+
+namespace e2e {
+
+namespace {
+
+std::vector<std::string> onBoard(const std::string& dir, const std::vector<std::string>& args) {
+    std::vector<std::string> argv = {FLASHSIM_BIN, "run", dir, "--", BRIVLO_BIN};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
+}
+
+testutil::ProcessOptions withTimeout(double seconds) {
+    testutil::ProcessOptions options;
+    options.timeoutSeconds = seconds;
+    return options;
+}
+
+}  // namespace
+
+Board::Board(const std::vector<std::string>& initOptions) : dir_(temp_.file("board")) {
+    std::vector<std::string> argv = {FLASHSIM_BIN, "init", dir_};
+    argv.insert(argv.end(), initOptions.begin(), initOptions.end());
+    const testutil::ProcessResult r = testutil::runProcess(argv);
+    EXPECT_EQ(r.status, 0) << "flashsim init failed: " << r.err;
+}
+
+testutil::ProcessResult Board::brivlo(const std::vector<std::string>& args, double timeoutSeconds) const {
+    testutil::ProcessResult r = testutil::runProcess(onBoard(dir_, args), withTimeout(timeoutSeconds));
+    EXPECT_FALSE(r.timedOut) << "brivlo did not end";
+    return r;
+}
+
+std::unique_ptr<testutil::BackgroundProcess> Board::startBrivlo(const std::vector<std::string>& args,
+                                                                double timeoutSeconds) const {
+    return std::make_unique<testutil::BackgroundProcess>(onBoard(dir_, args), withTimeout(timeoutSeconds));
+}
+
+void Board::flashsim(const std::string& command, const std::vector<std::string>& args) const {
+    std::vector<std::string> argv = {FLASHSIM_BIN, command, dir_};
+    argv.insert(argv.end(), args.begin(), args.end());
+    const testutil::ProcessResult r = testutil::runProcess(argv);
+    EXPECT_EQ(r.status, 0) << "flashsim " << command << " failed: " << r.err;
+}
+
+void Board::writeStatus(const std::string& content) const {
+    testutil::writeFile(statusPath(), content);
+}
+
+bool Board::statusExists() const {
+    return testutil::fileExists(statusPath());
+}
+
+std::string Board::partition(const std::string& name) const {
+    const testutil::ProcessResult r = testutil::runProcess({FLASHSIM_BIN, "dump", dir_, name});
+    EXPECT_EQ(r.status, 0) << r.err;
+    return r.out;
+}
+
+std::vector<std::string> Board::logLines(const std::string& prefix) const {
+    std::vector<std::string> lines;
+    if (!testutil::fileExists(dir_ + "/log")) {
+        return lines;
+    }
+    std::istringstream in(testutil::readFile(dir_ + "/log"));
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.compare(0, prefix.size(), prefix) == 0) {
+            lines.push_back(line);
+        }
+    }
+    return lines;
+}
+
+std::string Board::lockedState(const std::string& name) const {
+    const testutil::ProcessResult r = testutil::runProcess({FLASHSIM_BIN, "show", dir_, name});
+    const std::string key = "locked=";
+    const std::size_t at = r.out.find(key);
+    if (at == std::string::npos) {
+        ADD_FAILURE() << "no lock state for " << name << ": " << r.out << r.err;
+        return "";
+    }
+    return r.out.substr(at + key.size(), r.out.find_first_of(" \n", at) - at - key.size());
+}
+
+std::string randomBytes(std::size_t size, unsigned seed) {
+    std::mt19937 generator(seed);
+    std::string bytes(size, '\0');
+    for (char& c : bytes) {
+        c = static_cast<char>(generator() & 0xFF);
+    }
+    return bytes;
+}
+
+std::string dots(std::size_t count) {
+    return std::string(count, '.');
+}
+
+std::string usageText(const std::string& p) {
+    return "Usage: \n"
+           "1. " + p + " <download protocol>://<IP address>:[<port>] <filename> <partition name> [OPTIONS]\n"
+           "\texample: " + p + " tftp://192.168.10.100:9000 example.qim qim\n"
+           "2. " + p + " local <absolute file path> <partition name> [OPTIONS]\n"
+           "\texample: " + p + " local /tmp/example.bin image\n"
+           "3. " + p + " [OPTIONS]\n"
+           "Options:\n"
+           "  -? | --help: print this message and exit\n"
+           "  -S: get current upgrade status\n"
+           "  -O: override model ID matching for QIM file upgrades\n"
+           "  -A: override manufacturer ID matching for QIM file upgrades\n"
+           "Partition Names:\n"
+           "qim, boot, bootenv, brdinfo, capability, config, flashall, fpga, fsbl, image, kernel, "
+           "license, rootfs, safeboot, safebootenv, safefpga, safelicense, userarea, skd, safeall\n";
+}
+
+}  // namespace e2e
