@@ -44,7 +44,8 @@ zel_error_t qim_package_set_model_id(qim_package* pkg, const qim_id* model_id);
 // 0; 3 for null arguments or a part whose file cannot be read; 5 without a
 // header; 4 when header and tables would pass the 512 bytes a reader takes
 // (more than 28 parts and models together); 8 when a part's file ends early;
-// 2 when writing fails (including the final flush). On failure the stream
+// 13 when the packed part data passes 4 GiB (32-bit offsets); 2 when writing
+// fails (including the final flush). On failure the stream
 // holds an incomplete file that the caller discards.
 zel_error_t qim_package_write(qim_package* pkg, FILE* out);
 

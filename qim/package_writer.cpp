@@ -31,6 +31,19 @@ Counts count(const qim_package* pkg) {
     return c;
 }
 
+zel_error_t seek_start(FILE* out) {
+    if (std::fseek(out, 0, SEEK_SET) != 0) {
+        std::fprintf(stderr, "error: cannot seek in package: %s\n", std::strerror(errno));
+        return ZEL_SYSTEM;
+    }
+    return ZEL_SUCCESS;
+}
+
+zel_error_t data_too_large() {
+    std::fprintf(stderr, "error: part data passes 4 GiB, beyond 32-bit part offsets\n");
+    return ZEL_RANGE;
+}
+
 zel_error_t write_bytes(FILE* out, const uint8_t* data, std::size_t len) {
     if (std::fwrite(data, 1, len, out) != len) {
         std::fprintf(stderr, "error: cannot write package: %s\n", std::strerror(errno));
@@ -41,11 +54,8 @@ zel_error_t write_bytes(FILE* out, const uint8_t* data, std::size_t len) {
 
 // Rewrites the first `len` bytes of the output and flushes it.
 zel_error_t rewrite_start(FILE* out, const uint8_t* data, std::size_t len) {
-    if (std::fseek(out, 0, SEEK_SET) != 0) {
-        std::fprintf(stderr, "error: cannot seek in package: %s\n", std::strerror(errno));
-        return ZEL_SYSTEM;
-    }
-    zel_error_t rc = write_bytes(out, data, len);
+    zel_error_t rc = seek_start(out);
+    if (rc == ZEL_SUCCESS) rc = write_bytes(out, data, len);
     if (rc != ZEL_SUCCESS) return rc;
     if (std::fflush(out) != 0) {
         std::fprintf(stderr, "error: cannot write package: %s\n", std::strerror(errno));
@@ -113,7 +123,7 @@ zel_error_t qim_package_write(qim_package* pkg, FILE* out) {
     uint64_t offset = 0;
     uint8_t* e = h + part_table;
     for (const qim_part* p = pkg->parts; p != nullptr; p = p->next, e += fmt::v3::kPartEntrySize) {
-        if (offset > UINT32_MAX) return ZEL_RANGE;
+        if (offset > UINT32_MAX) return data_too_large();
         qim_put_be32(e + fmt::v3::kPartOffId, p->part_id);
         qim_put_be32(e + fmt::v3::kPartOffRelease, p->release_version);
         qim_put_be32(e + fmt::v3::kPartOffOffset, static_cast<uint32_t>(offset));
@@ -132,8 +142,8 @@ zel_error_t qim_package_write(qim_package* pkg, FILE* out) {
     qim_put_be32(h + fmt::v3::kOffHeaderChecksum, header_checksum);
     uint32_t crc = crc32_update(CRC32_INIT, h, head.size());
 
-    if (std::fseek(out, 0, SEEK_SET) != 0) return ZEL_SYSTEM;
-    zel_error_t rc = write_bytes(out, h, head.size());
+    zel_error_t rc = seek_start(out);
+    if (rc == ZEL_SUCCESS) rc = write_bytes(out, h, head.size());
     if (rc == ZEL_SUCCESS) rc = copy_all_parts(pkg, out, &crc, nullptr);
     if (rc != ZEL_SUCCESS) return rc;
     const uint32_t checksum = ~crc;
@@ -163,13 +173,13 @@ zel_error_t qim_package_write_v2(qim_package* pkg, FILE* out) {
     qim_put_be32(h + fmt::v2::kOffDeviceCode, pkg->header->device_code);
     qim_put_be32(h + fmt::v2::kOffProductVersion, pkg->header->product_version);
     qim_put_be32(h + fmt::v2::kOffNumParts, c.parts);
-    if (!put_short_entries(pkg, h + fmt::v2::kHeaderSize)) return ZEL_RANGE;
+    if (!put_short_entries(pkg, h + fmt::v2::kHeaderSize)) return data_too_large();
 
     // The checksum field is still zero, so summing the header as it stands
     // leaves it out.
     uint32_t sum = qim_byte_sum_update(0, h, head.size());
-    if (std::fseek(out, 0, SEEK_SET) != 0) return ZEL_SYSTEM;
-    zel_error_t rc = write_bytes(out, h, head.size());
+    zel_error_t rc = seek_start(out);
+    if (rc == ZEL_SUCCESS) rc = write_bytes(out, h, head.size());
     if (rc == ZEL_SUCCESS) rc = copy_all_parts(pkg, out, nullptr, &sum);
     if (rc != ZEL_SUCCESS) return rc;
     const uint32_t checksum = qim_byte_sum_fold(sum);
@@ -192,7 +202,7 @@ zel_error_t qim_package_write_v1(const qim_package* pkg, FILE* out) {
     qim_put_be32(h + fmt::v1::kOffDeviceCode, pkg->header->device_code);
     qim_put_be32(h + fmt::v1::kOffProductVersion, pkg->header->product_version);
     qim_put_be32(h + fmt::v1::kOffNumParts, c.parts);
-    if (!put_short_entries(pkg, h + fmt::v1::kHeaderSize)) return ZEL_RANGE;
+    if (!put_short_entries(pkg, h + fmt::v1::kHeaderSize)) return data_too_large();
     zel_error_t rc = write_bytes(out, h, head.size());
     if (rc == ZEL_SUCCESS) rc = copy_all_parts(pkg, out, nullptr, nullptr);
     if (rc == ZEL_SUCCESS && std::fflush(out) != 0) rc = ZEL_SYSTEM;
