@@ -1,0 +1,217 @@
+#include "package_fixture.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <thread>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace e2e {
+
+const char* const kDone = "\nBrivlo done\n";
+const char* const kFailed = "Failed to write QIM file. Exiting.\n";
+
+std::string buildPackage(const Board& board, const PackageSpec& spec, const std::string& name) {
+    const std::string out = board.scratch(name);
+    std::vector<std::string> argv = {QIMTOOL_BIN, "create", "-o", out, "--device-code", spec.deviceCode,
+                                     "--product-version", "0x01020304"};
+    if (!spec.mfgc.empty()) {
+        argv.insert(argv.end(), {"--mfgc", spec.mfgc});
+    }
+    for (std::size_t i = 0; i < spec.parts.size(); ++i) {
+        const std::string file = board.scratch(name + ".part" + std::to_string(i));
+        testutil::writeFile(file, spec.parts[i].data);
+        argv.insert(argv.end(), {"--part", spec.parts[i].kind + ":" + spec.parts[i].release + ":" + file});
+    }
+    for (const std::string& model : spec.models) {
+        argv.insert(argv.end(), {"--model", model});
+    }
+    if (spec.v2) {
+        argv.push_back("--v2");
+    }
+    const testutil::ProcessResult r = testutil::runProcess(argv);
+    EXPECT_EQ(r.status, 0) << "qimtool create failed: " << r.err;
+    return out;
+}
+
+std::string report(const std::string& packagePath) {
+    const testutil::ProcessResult r = testutil::runProcess({QIMTOOL_BIN, "info", packagePath});
+    EXPECT_EQ(r.status, 0) << r.err;
+    return r.out;
+}
+
+std::string partOutput(const std::string& partition, uint32_t size) {
+    const uint32_t blocks = (size + kEraseSize - 1) / kEraseSize;
+    return "\nQIM partition = " + partition + "\nErasing Flash (wait " +
+           std::to_string(blocks * kEraseSize / 220000) + "s)\n" + dots(blocks + 1) +
+           "\nWriting file to flash partition '" + partition + "'\n" + dots(size / kEraseSize) +
+           "\n\nFlash write complete.\n";
+}
+
+CombinedImage makeCombinedImage(const Board& board, uint32_t dataSize, uint32_t rootfsSize) {
+    const std::string data = board.scratch("uimage.data");
+    const std::string uimage = board.scratch("uimage");
+    testutil::writeFile(data, randomBytes(dataSize, 21));
+    const testutil::ProcessResult r =
+        testutil::runProcess({"/usr/bin/mkimage", "-A", "arm", "-O", "linux", "-T", "kernel", "-C", "none",
+                              "-a", "0x8000", "-e", "0x8000", "-n", "brivlo-pkg", "-d", data, uimage});
+    EXPECT_EQ(r.status, 0) << "mkimage (u-boot-tools) failed: " << r.err;
+    CombinedImage image;
+    // The split counts E + 0x700 + data size bytes as kernel: the header's 64
+    // bytes, the data, and 0x700 - 64 bytes behind them.
+    image.bytes = randomBytes(kEraseSize, 22) + testutil::readFile(uimage) + randomBytes(0x700 - 64, 23);
+    image.kernelLength = kEraseSize + 0x700 + dataSize;
+    EXPECT_EQ(image.bytes.size(), image.kernelLength);
+    image.bytes += randomBytes(rootfsSize, 24);
+    return image;
+}
+
+std::map<std::string, std::string> flashFiles(const Board& board) {
+    std::map<std::string, std::string> files;
+    const std::string dir = board.dir() + "/flash";
+    std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(dir.c_str()), &closedir);
+    if (!listing) {
+        return files;
+    }
+    while (const dirent* entry = readdir(listing.get())) {
+        if (entry->d_name[0] != '.') {
+            files[entry->d_name] = testutil::readFile(dir + "/" + entry->d_name);
+        }
+    }
+    return files;
+}
+
+std::string textId(const std::string& text) {
+    static const char kDigits[] = "0123456789abcdef";
+    std::string hex;
+    for (std::size_t i = 0; i < 8; ++i) {
+        const unsigned char c = i < text.size() ? static_cast<unsigned char>(text[i]) : 0;
+        hex += kDigits[c >> 4];
+        hex += kDigits[c & 15];
+    }
+    return hex;
+}
+
+namespace {
+
+// A zero-terminated string of the traced process.
+std::string peekString(pid_t pid, uint64_t address) {
+    std::string text;
+    for (int word = 0; word < 128; ++word) {
+        errno = 0;
+        const long value = ptrace(PTRACE_PEEKDATA, pid, reinterpret_cast<void*>(address + word * sizeof(long)),
+                                  nullptr);
+        if (errno != 0) {
+            break;
+        }
+        const char* bytes = reinterpret_cast<const char*>(&value);
+        for (std::size_t i = 0; i < sizeof value; ++i) {
+            if (bytes[i] == '\0') {
+                return text;
+            }
+            text += bytes[i];
+        }
+    }
+    return text;
+}
+
+bool endsWith(const std::string& text, const std::string& tail) {
+    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+// The path a rename moves from, or an unlink removes; empty for other calls.
+std::string pathOf(pid_t pid, const __ptrace_syscall_info& info, bool* removal) {
+    const uint64_t nr = info.entry.nr;
+    const uint64_t* args = info.entry.args;
+    *removal = nr == SYS_unlinkat;
+#ifdef SYS_unlink
+    *removal = *removal || nr == SYS_unlink;
+    if (nr == SYS_unlink) return peekString(pid, args[0]);
+#endif
+#ifdef SYS_rename
+    if (nr == SYS_rename) return peekString(pid, args[0]);
+#endif
+    if (nr == SYS_renameat || nr == SYS_renameat2 || nr == SYS_unlinkat) return peekString(pid, args[1]);
+    return "";
+}
+
+}  // namespace
+
+TracedRun runTraced(const Board& board, const std::vector<std::string>& args) {
+    TracedRun run;
+    const std::string outPath = board.scratch("traced.out");
+    const std::string errPath = board.scratch("traced.err");
+    std::vector<std::string> argv = {FLASHSIM_BIN, "run", board.dir(), "--", BRIVLO_BIN};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<char*> cargv;
+    for (std::string& a : argv) cargv.push_back(&a[0]);
+    cargv.push_back(nullptr);
+
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(126);
+        // A leak checker cannot stop the world of a traced process.
+        setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+        ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+        raise(SIGSTOP);
+        execv(cargv[0], cargv.data());
+        _exit(127);
+    }
+    if (pid < 0) {
+        ADD_FAILURE() << "fork failed";
+        return run;
+    }
+    // Watchdog: a run that hangs is killed, which ends the loop below.
+    std::atomic<bool> finished{false};
+    std::thread watchdog([&finished, pid] {
+        for (int i = 0; i < 1200 && !finished; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (!finished) kill(pid, SIGKILL);
+    });
+
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ptrace(PTRACE_SETOPTIONS, pid, nullptr,
+           reinterpret_cast<void*>(PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL | PTRACE_O_TRACEEXEC));
+    ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
+    while (waitpid(pid, &status, 0) == pid && WIFSTOPPED(status)) {
+        int deliver = 0;
+        if (WSTOPSIG(status) == (SIGTRAP | 0x80)) {
+            __ptrace_syscall_info info{};
+            bool removal = false;
+            if (ptrace(PTRACE_GET_SYSCALL_INFO, pid, reinterpret_cast<void*>(sizeof info), &info) > 0 &&
+                info.op == PTRACE_SYSCALL_INFO_ENTRY) {
+                const std::string path = pathOf(pid, info, &removal);
+                if (!removal && endsWith(path, "/tmp/temp_brivlo_status")) {
+                    run.snapshots.push_back({false, testutil::readFile(path)});
+                } else if (removal && endsWith(path, "/tmp/brivlo_status")) {
+                    run.snapshots.push_back(
+                        {true, testutil::fileExists(path) ? testutil::readFile(path) : "<absent>"});
+                }
+            }
+        } else if (WSTOPSIG(status) != SIGTRAP) {
+            deliver = WSTOPSIG(status);
+        }
+        ptrace(PTRACE_SYSCALL, pid, nullptr, reinterpret_cast<void*>(static_cast<long>(deliver)));
+    }
+    finished = true;
+    watchdog.join();
+    run.result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    run.result.out = testutil::readFile(outPath);
+    run.result.err = testutil::readFile(errPath);
+    return run;
+}
+
+}  // namespace e2e
