@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <sys/stat.h>
 
 #include "brivlo_board.h"
 #include "common/fake_tftp_server.h"
@@ -91,5 +92,43 @@ TEST(Download, SilentServerTimesOutAfterAboutFiveSeconds) {
     EXPECT_FALSE(server.readRequests().empty());
     EXPECT_FALSE(board.statusExists());
 }
+
+// Failures before any datagram is exchanged: the download reports and main
+// ends with 2 after removing the status file.
+struct EarlyFailureCase {
+    const char* name;
+    std::string url;
+    std::string remoteName;
+    bool flashitIsDirectory;
+    std::string errPrefix;
+};
+
+class DownloadEarlyFailure : public ::testing::TestWithParam<EarlyFailureCase> {};
+
+TEST_P(DownloadEarlyFailure, ReportsAndEndsWithStatusTwo) {
+    const EarlyFailureCase& c = GetParam();
+    Board board;
+    if (c.flashitIsDirectory) {
+        ASSERT_EQ(::mkdir(board.downloadPath().c_str(), 0755), 0);
+    }
+    const testutil::ProcessResult r = board.brivlo({c.url, c.remoteName, "fpga"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err.compare(0, c.errPrefix.size(), c.errPrefix), 0) << r.err;
+    const std::string tail = "\nTFTP download error\n";
+    EXPECT_EQ(r.err.substr(r.err.find('\n')), tail) << r.err;
+    EXPECT_FALSE(board.statusExists());
+}
+
+const EarlyFailureCase kEarlyFailures[] = {
+    {"LocalFileCannotBeOpened", "tftp://127.0.0.1:9", "fw.bin", true, "Error opening local file "},
+    {"EmptyRemoteName", "tftp://127.0.0.1:9", "", false,
+     "Error initiating recv: invalid data: (0x0004=INVALIDDATA)"},
+    {"ServerAddressZero", "tftp://0.0.0.0:9", "fw.bin", false,
+     "Error initiating recv: invalid data: (0x0004=INVALIDDATA)"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Table, DownloadEarlyFailure, ::testing::ValuesIn(kEarlyFailures),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
