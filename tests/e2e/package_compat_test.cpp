@@ -117,4 +117,15 @@ TEST(PackageCompat, WithoutLinuxImageThePhyIsNotAsked) {
     EXPECT_TRUE(board.logLines("phy ").empty());
 }
 
+TEST(PackageCompat, WithoutControlSocketThePhyReadsAsZero) {
+    if (!e2e::canFailSockets()) GTEST_SKIP() << "socket failure injection needs x86-64";
+    Board board({"--phy", "0x0770"});
+    const std::string pkg = e2e::buildPackage(board, withImages({"4.2.5.0"}));
+    const e2e::TracedRun run = e2e::runTraced(board, {"local", pkg, "qim"}, true);
+    EXPECT_EQ(run.result.status, 0);
+    EXPECT_EQ(run.result.err, kFound + "4020500\nCannot get control socket: Function not implemented\n");
+    EXPECT_EQ(run.result.out, e2e::report(pkg) + acceptedOutput(1));
+    EXPECT_TRUE(board.logLines("phy ").empty());
+}
+
 }  // namespace

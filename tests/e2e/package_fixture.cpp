@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -14,6 +15,7 @@
 #include <signal.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
+#include <sys/user.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -148,7 +150,15 @@ std::string pathOf(pid_t pid, const __ptrace_syscall_info& info, bool* removal) 
 
 }  // namespace
 
-TracedRun runTraced(const Board& board, const std::vector<std::string>& args) {
+bool canFailSockets() {
+#if defined(__x86_64__)
+    return true;
+#else
+    return false;
+#endif
+}
+
+TracedRun runTraced(const Board& board, const std::vector<std::string>& args, bool failSockets) {
     TracedRun run;
     const std::string outPath = board.scratch("traced.out");
     const std::string errPath = board.scratch("traced.err");
@@ -193,6 +203,15 @@ TracedRun runTraced(const Board& board, const std::vector<std::string>& args) {
             bool removal = false;
             if (ptrace(PTRACE_GET_SYSCALL_INFO, pid, reinterpret_cast<void*>(sizeof info), &info) > 0 &&
                 info.op == PTRACE_SYSCALL_INFO_ENTRY) {
+#if defined(__x86_64__)
+                if (failSockets && info.entry.nr == SYS_socket) {
+                    // An invalid system call number skips the call: it returns -ENOSYS.
+                    ptrace(PTRACE_POKEUSER, pid, reinterpret_cast<void*>(offsetof(user_regs_struct, orig_rax)),
+                           reinterpret_cast<void*>(-1L));
+                }
+#else
+                (void)failSockets;
+#endif
                 const std::string path = pathOf(pid, info, &removal);
                 if (!removal && endsWith(path, "/tmp/temp_brivlo_status")) {
                     run.snapshots.push_back({false, testutil::readFile(path)});

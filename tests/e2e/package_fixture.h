@@ -63,8 +63,12 @@ struct TracedRun {
     std::vector<StatusSnapshot> snapshots;
 };
 // `flashsim run DIR -- brivlo ARGS`, stopped by ptrace at every rename of the
-// board's temporary status file and every removal of its status file.
-TracedRun runTraced(const Board& board, const std::vector<std::string>& args);
+// board's temporary status file and every removal of its status file. With
+// `failSockets`, every socket() call fails with ENOSYS (x86-64 only: the
+// caller skips elsewhere).
+TracedRun runTraced(const Board& board, const std::vector<std::string>& args, bool failSockets = false);
+// Whether runTraced can make socket() fail on this machine.
+bool canFailSockets();
 
 // Content of every partition file the board has (a partition gets one when
 // first opened), by name.
