@@ -20,3 +20,10 @@ run_suite() {
 
 run_suite build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo
 run_suite build/sanitize -DCMAKE_BUILD_TYPE=Debug -DBRIVLO_SANITIZE=ON
+
+# CI also runs brivlo under valgrind (short flows, on the normal build above)
+# and every fuzz target for about a minute (two at a time on the two cores).
+if [ "${CI:-}" = "true" ]; then
+  scripts/memcheck.sh --short
+  FUZZ_JOBS=2 fuzz/run 60
+fi
