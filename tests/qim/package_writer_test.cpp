@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "qim/package_builder.h"
 #include "qim_test_util.h"
 
@@ -7,123 +9,119 @@ namespace {
 
 using namespace qimtest;
 
-struct Built {
-    PackagePtr pkg;
-    Bytes file;
-};
-
-// Writes the data files, builds a package of them and writes it with `writer`.
-Built build(const testutil::TempDir& dir, const std::vector<PartSpec>& parts,
-            const std::vector<ModelSpec>& models,
-            zel_error_t (*writer)(qim_package*, FILE*) = qim_package_write,
-            uint32_t product_version = 0x00000102) {
-    Built b{new_package(), {}};
+// A package of `parts` (each in its own file "part<i>" of `dir`) and `models`.
+PackagePtr assemble(const testutil::TempDir& dir, const std::vector<PartSpec>& parts,
+                    const std::vector<ModelSpec>& models, uint32_t product_version = 0x102) {
+    PackagePtr pkg = new_package();
     const qim_id mfgc = id_text("ACME");
-    EXPECT_EQ(qim_package_init_header(b.pkg.get(), 40, product_version, &mfgc), ZEL_SUCCESS);
+    EXPECT_EQ(qim_package_init_header(pkg.get(), 40, product_version, &mfgc), ZEL_SUCCESS);
     for (std::size_t i = 0; i < parts.size(); ++i) {
         const std::string path = dir.file("part" + std::to_string(i));
-        testutil::writeBytes(path, std::vector<unsigned char>(parts[i].data.begin(), parts[i].data.end()));
+        testutil::writeBytes(path, parts[i].data);
         int seq = -1;
-        EXPECT_EQ(qim_package_add_part_file(b.pkg.get(), parts[i].part_id, parts[i].release,
-                                            path.c_str(), &seq),
-                  ZEL_SUCCESS);
+        EXPECT_EQ(qim_package_add_part_file(pkg.get(), parts[i].part_id, parts[i].release, path.c_str(), &seq), 0u);
         EXPECT_EQ(seq, static_cast<int>(i));
     }
     for (const ModelSpec& m : models) {
-        EXPECT_EQ(qim_package_add_model(b.pkg.get(), &m.id), ZEL_SUCCESS);
+        EXPECT_EQ(qim_package_add_model(pkg.get(), &m.id), ZEL_SUCCESS);
         for (int bit = 0; bit < 32; ++bit) {
-            if (m.mask >> bit & 1u) qim_package_set_model_part(b.pkg.get(), &m.id, bit);
+            if (m.mask >> bit & 1u) qim_package_set_model_part(pkg.get(), &m.id, bit);
         }
     }
-    const std::string out = dir.file("out.qim");
-    FILE* f = std::fopen(out.c_str(), "w+b");
-    EXPECT_EQ(writer(b.pkg.get(), f), ZEL_SUCCESS);
-    std::fclose(f);
-    auto raw = testutil::readBytes(out);
-    b.file.assign(raw.begin(), raw.end());
-    return b;
+    return pkg;
 }
 
-zel_error_t write_v1(qim_package* p, FILE* f) { return qim_package_write_v1(p, f); }
+struct Written {
+    zel_error_t rc;
+    Bytes file;
+    std::string err;
+};
+
+template <typename Writer>
+Written write(const testutil::TempDir& dir, qim_package* pkg, Writer writer) {
+    FILE* f = std::fopen(dir.file("out.qim").c_str(), "w+b");
+    Written w{0, {}, stderr_of([&] { w.rc = writer(pkg, f); })};
+    std::fclose(f);
+    w.file = testutil::readBytes(dir.file("out.qim"));
+    return w;
+}
 
 const std::vector<PartSpec> kTwoParts = {{1, 0x04020600, filled(1000, 1)}, {2, 0x01000000, filled(24, 2)}};
 
-TEST(Writer, RoundTripThroughTheReader) {
+// Writer and reader agree with an independent layout, field by field.
+TEST(Writer, Version3RoundTripThroughTheReader) {
     testutil::TempDir dir;
-    Built b = build(dir, kTwoParts, {{id_text("M1"), 0x3}});
-    ASSERT_EQ(b.file.size(), 1136u);
-    EXPECT_EQ(get32(b.file, 4), 112u);
-    EXPECT_EQ(get32(b.file, 48), 96u);
-    EXPECT_EQ(b.file, make_v3([] {
-                  V3Layout l;
-                  l.parts = kTwoParts;
-                  l.models = {{id_text("M1"), 0x3}};
-                  l.mfgc = id_text("ACME");
-                  l.product_version = 0x102;
-                  return l;
-              }()));  // byte for byte what the independent layout gives
-    EXPECT_EQ(b.pkg->header->checksum, get32(b.file, 24));
-    EXPECT_EQ(b.pkg->header->header_checksum, get32(b.file, 60));
+    PackagePtr built = assemble(dir, kTwoParts, {{id_text("M1"), 0x3}});
+    Written w = write(dir, built.get(), qim_package_write);
+    ASSERT_EQ(w.rc, ZEL_SUCCESS) << w.err;
+    V3Layout l;
+    l.parts = kTwoParts, l.models = {{id_text("M1"), 0x3}}, l.mfgc = id_text("ACME"), l.product_version = 0x102;
+    ASSERT_EQ(w.file, make_v3(l));
+    ASSERT_EQ(w.file.size(), 1136u);  // header_length 112 and 1024 bytes of data
+    EXPECT_EQ(built->header->checksum, get32(w.file, 24));
+    EXPECT_EQ(built->header->header_checksum, get32(w.file, 60));
 
-    LoadResult r = load_bytes(dir, b.file, "again.qim");
+    LoadResult r = load_bytes(dir, w.file);
     ASSERT_EQ(r.rc, ZEL_SUCCESS) << r.err;
-    EXPECT_EQ(qim_package_get_total_size(r.pkg.get()), 1024u);
-    std::string out = capture_stream([&](FILE* f) { qim_package_extract_part(r.pkg.get(), 0, f); });
-    EXPECT_EQ(Bytes(out.begin(), out.end()), kTwoParts[0].data);
+    qim_package* pkg = r.pkg.get();
+    EXPECT_EQ(std::make_tuple(qim_package_get_version(pkg), pkg->header->version_minor, qim_package_get_device_code(pkg),
+                              qim_package_get_product_version(pkg), pkg->header->checksum, pkg->header->header_checksum),
+              std::make_tuple(3u, 1u, 40u, 0x102u, get32(w.file, 24), get32(w.file, 60)));
+    EXPECT_TRUE(qim_id_equal(qim_package_get_mfgc_id(pkg), &l.mfgc));
+    EXPECT_EQ(std::make_tuple(qim_package_get_num_parts(pkg), qim_package_get_num_models(pkg), qim_package_get_total_size(pkg)),
+              std::make_tuple(2, 1, uint64_t{1024}));
+    uint32_t kind = 99, size = 0, release = 0;
+    uint64_t position = 0;
+    const char* path = nullptr;
+    for (int seq : {1, 2}) {  // 2, the part count, is no part: the outputs stay as they were
+        EXPECT_EQ(qim_package_get_part_info(pkg, seq, &kind, &path, &position, &size, &release), seq == 1 ? 0u : 3u);
+        EXPECT_EQ(std::make_tuple(kind, size, release, position), std::make_tuple(2u, 24u, 0x01000000u, uint64_t{1112}));
+        EXPECT_EQ(std::string(path), dir.file("pkg.qim"));
+    }
+    const std::string out = capture_stream([&](FILE* f) { EXPECT_EQ(qim_package_extract_part(pkg, 1, f), 0u); });
+    EXPECT_EQ(Bytes(out.begin(), out.end()), kTwoParts[1].data);
 }
 
 TEST(Writer, DataChangesOnlyTheFileChecksumHeaderChangesBoth) {
     testutil::TempDir a, b, c;
-    Built base = build(a, kTwoParts, {{id_text("M1"), 0x1}});
     std::vector<PartSpec> changed = kTwoParts;
     changed[1].data[5] ^= 0x10;
-    Built data = build(b, changed, {{id_text("M1"), 0x1}});
-    Built header = build(c, kTwoParts, {{id_text("M1"), 0x1}}, qim_package_write, 0x00000103);
-    EXPECT_EQ(data.pkg->header->header_checksum, base.pkg->header->header_checksum);
-    EXPECT_NE(data.pkg->header->checksum, base.pkg->header->checksum);
-    EXPECT_NE(header.pkg->header->header_checksum, base.pkg->header->header_checksum);
-    EXPECT_NE(header.pkg->header->checksum, base.pkg->header->checksum);
+    PackagePtr base = assemble(a, kTwoParts, {}), data = assemble(b, changed, {});
+    PackagePtr header = assemble(c, kTwoParts, {}, 0x103);
+    for (auto* p : {&base, &data, &header}) ASSERT_EQ(write(a, p->get(), qim_package_write).rc, 0u);
+    EXPECT_EQ(data->header->header_checksum, base->header->header_checksum);
+    EXPECT_NE(data->header->checksum, base->header->checksum);
+    EXPECT_NE(header->header->header_checksum, base->header->header_checksum);
+    EXPECT_NE(header->header->checksum, base->header->checksum);
 }
 
-TEST(Writer, RefusesMoreThanTheReaderTakes) {
+TEST(Writer, RefusesHeadersPastTheBytesTheReaderTakes) {
     testutil::TempDir dir;
-    PackagePtr pkg = new_package();
-    ASSERT_EQ(qim_package_init_header(pkg.get(), 40, 1, &QIM_MFGC_ID_ANY), ZEL_SUCCESS);
-    testutil::writeFile(dir.file("d"), "x");
-    for (int i = 0; i < 20; ++i) qim_package_add_part_file(pkg.get(), 4, 0, dir.file("d").c_str(), nullptr);
-    for (int i = 0; i < 10; ++i) {
-        qim_id id = id_text("M");
-        id.bytes[1] = static_cast<uint8_t>('0' + i);
-        ASSERT_EQ(qim_package_add_model(pkg.get(), &id), ZEL_SUCCESS);
-    }
-    FILE* f = std::fopen(dir.file("out").c_str(), "w+b");
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(qim_package_write(pkg.get(), f), ZEL_INVALIDDATA);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("544 header bytes"), std::string::npos);
-    std::fclose(f);
+    std::vector<ModelSpec> models;
+    for (uint8_t i = 0; i < 10; ++i) models.push_back({qim_id{{'M', i}}, 1});
+    PackagePtr pkg = assemble(dir, std::vector<PartSpec>(20, {4, 0, {1}}), models);
+    Written w = write(dir, pkg.get(), qim_package_write);
+    EXPECT_EQ(w.rc, ZEL_INVALIDDATA);
+    EXPECT_NE(w.err.find("544 header bytes"), std::string::npos) << w.err;
 }
 
 TEST(Writer, MissingPartFileIsReported) {
     testutil::TempDir dir;
-    PackagePtr pkg = new_package();
-    ASSERT_EQ(qim_package_init_header(pkg.get(), 40, 1, &QIM_MFGC_ID_ANY), ZEL_SUCCESS);
-    testutil::writeFile(dir.file("d"), "data");
-    ASSERT_EQ(qim_package_add_part_file(pkg.get(), 4, 0, dir.file("d").c_str(), nullptr), ZEL_SUCCESS);
-    std::remove(dir.file("d").c_str());
-    FILE* f = std::fopen(dir.file("out").c_str(), "w+b");
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(qim_package_write(pkg.get(), f), ZEL_INVALIDPARAMETER);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("cannot read part data from"), std::string::npos);
-    std::fclose(f);
+    PackagePtr pkg = assemble(dir, {{4, 0, {1, 2}}}, {});
+    std::remove(dir.file("part0").c_str());
+    Written w = write(dir, pkg.get(), qim_package_write);
+    EXPECT_EQ(w.rc, ZEL_INVALIDPARAMETER);
+    EXPECT_NE(w.err.find("cannot read part data from"), std::string::npos) << w.err;
 }
 
-TEST(Writer, Version2LoadsAndItsSumFollowsTheRule) {
+TEST(Writer, Version2RoundTripThroughTheReader) {
     testutil::TempDir dir;
-    Built b = build(dir, kTwoParts, {}, qim_package_write_v2);
-    ASSERT_EQ(b.file.size(), 28u + 24 + 1024);
-    EXPECT_EQ(get32(b.file, 20), v2_sum(b.file));
-    EXPECT_EQ(b.pkg->header->checksum, v2_sum(b.file));
-    LoadResult r = load_bytes(dir, b.file, "v2.qim");
+    PackagePtr built = assemble(dir, {{1, 0, filled(1000, 1)}, {2, 0, filled(24, 2)}}, {}, 0x200);
+    Written w = write(dir, built.get(), qim_package_write_v2);
+    ASSERT_EQ(w.rc, ZEL_SUCCESS) << w.err;
+    ASSERT_EQ(w.file, make_v2({{1, 0, filled(1000, 1)}, {2, 0, filled(24, 2)}}));
+    EXPECT_EQ(built->header->checksum, v2_sum(w.file));
+    LoadResult r = load_bytes(dir, w.file);
     ASSERT_EQ(r.rc, ZEL_SUCCESS) << r.err;
     EXPECT_EQ(qim_package_get_version(r.pkg.get()), 2u);
     EXPECT_EQ(r.pkg->models->part_mask, 0x3u);
@@ -131,14 +129,13 @@ TEST(Writer, Version2LoadsAndItsSumFollowsTheRule) {
 
 TEST(Writer, Version1LayoutIsRefusedByTheReader) {
     testutil::TempDir dir;
-    Built b = build(dir, kTwoParts, {}, write_v1);
-    ASSERT_EQ(b.file.size(), 24u + 24 + 1024);
-    EXPECT_EQ(get32(b.file, 4), 48u);
-    EXPECT_EQ(get32(b.file, 8), 1u);
-    EXPECT_EQ(get32(b.file, 20), 2u);
-    EXPECT_EQ(get32(b.file, 24 + 12 + 4), 1000u);  // second entry's offset
-    EXPECT_EQ(Bytes(b.file.begin() + 48, b.file.begin() + 1048), kTwoParts[0].data);
-    LoadResult r = load_bytes(dir, b.file, "v1.qim");
+    PackagePtr built = assemble(dir, kTwoParts, {});
+    Written w = write(dir, built.get(), [](qim_package* p, FILE* f) { return qim_package_write_v1(p, f); });
+    ASSERT_EQ(w.file.size(), 24u + 24 + 1024);
+    const uint32_t header[] = {48, 1, 40, 0x102, 2, 1, 0, 1000, 2, 1000, 24};
+    for (int i = 0; i < 11; ++i) EXPECT_EQ(get32(w.file, 4 + 4 * i), header[i]) << i;
+    EXPECT_EQ(Bytes(w.file.begin() + 48, w.file.begin() + 1048), kTwoParts[0].data);
+    LoadResult r = load_bytes(dir, w.file);
     EXPECT_EQ(r.rc, ZEL_VERSION);
     EXPECT_EQ(r.err, "unsupported qim version number: 1/0x1\n");
 }
@@ -175,9 +172,8 @@ TEST(Builder, HeaderAndParts) {
     ASSERT_EQ(qim_package_init_header(pkg.get(), 7, 1, &QIM_MFGC_ID_ANY), ZEL_SUCCESS);
     EXPECT_EQ(qim_package_init_header(pkg.get(), 8, 1, &QIM_MFGC_ID_ANY), ZEL_INVALIDSTATE);
     EXPECT_EQ(pkg->header->device_code, 7u);
-    EXPECT_EQ(qim_package_add_part_file(pkg.get(), 1, 0, dir.file("none").c_str(), nullptr),
-              ZEL_INVALIDPARAMETER);
-    testutil::writeBytes(dir.file("big"), std::vector<unsigned char>(10000, 1));  // several chunks
+    EXPECT_EQ(qim_package_add_part_file(pkg.get(), 1, 0, dir.file("none").c_str(), nullptr), ZEL_INVALIDPARAMETER);
+    testutil::writeBytes(dir.file("big"), Bytes(10000, 1));  // several chunks
     ASSERT_EQ(qim_package_add_part_file(pkg.get(), 1, 0, dir.file("big").c_str(), nullptr), ZEL_SUCCESS);
     EXPECT_EQ(pkg->parts->size, 10000u);
 }

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "qim/package.h"
 #include "common/tempdir.h"
+#include "qim/package.h"
 
 namespace qimtest {
 
@@ -32,30 +32,29 @@ inline PackagePtr new_package() {
 
 inline void put32(Bytes& b, std::size_t off, uint32_t v) {
     if (b.size() < off + 4) b.resize(off + 4);
-    b[off] = static_cast<uint8_t>(v >> 24);
-    b[off + 1] = static_cast<uint8_t>(v >> 16);
-    b[off + 2] = static_cast<uint8_t>(v >> 8);
-    b[off + 3] = static_cast<uint8_t>(v);
+    for (int i = 0; i < 4; ++i) b[off + i] = static_cast<uint8_t>(v >> (24 - 8 * i));
 }
 
 inline uint32_t get32(const Bytes& b, std::size_t off) {
     return uint32_t{b[off]} << 24 | uint32_t{b[off + 1]} << 16 | uint32_t{b[off + 2]} << 8 | b[off + 3];
 }
 
-inline uint32_t zcrc(const uint8_t* p, std::size_t n) {
-    return static_cast<uint32_t>(crc32(0L, p, static_cast<uInt>(n)));
-}
-
-inline qim_id id_hex(const char* hex16) {
-    qim_id id{};
-    qim_id_from_hex16(hex16, &id);
-    return id;
+// zlib's CRC-32 of `b` with the four bytes at `zero_at` taken as zero.
+inline uint32_t zcrc(Bytes b, std::size_t zero_at = SIZE_MAX) {
+    if (zero_at != SIZE_MAX) put32(b, zero_at, 0);
+    return static_cast<uint32_t>(crc32(0L, b.data(), static_cast<uInt>(b.size())));
 }
 
 inline qim_id id_text(const char* text) {
     qim_id id{};
     qim_id_from_text(&id, text);
     return id;
+}
+
+inline Bytes filled(std::size_t n, uint8_t seed) {
+    Bytes b(n);
+    for (std::size_t i = 0; i < n; ++i) b[i] = static_cast<uint8_t>(seed + i * 7);
+    return b;
 }
 
 struct PartSpec {
@@ -71,7 +70,7 @@ struct ModelSpec {
 
 // A version-3 image: 64-byte header, part table of `part_es`-byte entries,
 // model table of `model_es`-byte entries, packed data. Bytes of an entry
-// beyond 16 are filled with 0xEE so tests see they are skipped.
+// beyond 16 are 0xEE so tests see they are skipped.
 struct V3Layout {
     std::vector<PartSpec> parts;
     std::vector<ModelSpec> models;
@@ -88,47 +87,38 @@ inline void fix_v3(Bytes& b) {
     const uint32_t header_length = get32(b, 4);
     put32(b, 24, 0);
     if (get32(b, 12) != 0 && header_length >= 64 && header_length <= b.size()) {
-        put32(b, 60, 0);
-        put32(b, 60, zcrc(b.data(), header_length));
+        put32(b, 60, zcrc(Bytes(b.begin(), b.begin() + header_length), 60));
     }
-    put32(b, 24, zcrc(b.data(), b.size()));
+    put32(b, 24, zcrc(b));
+}
+
+inline void put_entry(Bytes& b, std::size_t at, uint32_t entry_size, const Bytes& e16) {
+    for (uint32_t k = 0; k < entry_size; ++k) b[at + k] = k < 16 ? e16[k] : 0xEE;
 }
 
 inline Bytes make_v3(const V3Layout& l) {
-    Bytes b(64, 0);
-    const uint32_t np = static_cast<uint32_t>(l.parts.size());
-    const uint32_t nm = static_cast<uint32_t>(l.models.size());
-    const uint32_t header_length = 64 + np * l.part_es + nm * l.model_es;
-    b.assign(header_length, 0);
-    b[0] = 'K', b[1] = 'O', b[2] = 'R', b[3] = 'V';
-    put32(b, 4, header_length);
-    put32(b, 8, 3);
-    put32(b, 12, l.minor);
-    put32(b, 16, l.device_code);
-    put32(b, 20, l.product_version);
-    std::copy(l.mfgc.bytes, l.mfgc.bytes + 8, b.begin() + 28);
-    put32(b, 36, 64);
-    put32(b, 40, np);
-    put32(b, 44, l.part_es);
-    put32(b, 48, 64 + np * l.part_es);
-    put32(b, 52, nm);
-    put32(b, 56, l.model_es);
+    const auto np = static_cast<uint32_t>(l.parts.size()), nm = static_cast<uint32_t>(l.models.size());
+    const uint32_t model_table = 64 + np * l.part_es, header_length = model_table + nm * l.model_es;
+    Bytes b(header_length, 0);
+    std::copy_n("KORV", 4, b.begin());
+    const uint32_t fields[] = {header_length, 3, l.minor, l.device_code, l.product_version};
+    for (int i = 0; i < 5; ++i) put32(b, 4 + 4 * i, fields[i]);
+    std::copy_n(l.mfgc.bytes, 8, b.begin() + 28);
+    const uint32_t tables[] = {64, np, l.part_es, model_table, nm, l.model_es};
+    for (int i = 0; i < 6; ++i) put32(b, 36 + 4 * i, tables[i]);
     uint32_t offset = 0;
     for (uint32_t i = 0; i < np; ++i) {
+        const auto size = static_cast<uint32_t>(l.parts[i].data.size());
         Bytes e(16, 0);
-        put32(e, 0, l.parts[i].part_id);
-        put32(e, 4, l.parts[i].release);
-        put32(e, 8, offset);
-        put32(e, 12, static_cast<uint32_t>(l.parts[i].data.size()));
-        offset += static_cast<uint32_t>(l.parts[i].data.size());
-        for (uint32_t k = 0; k < l.part_es; ++k) b[64 + i * l.part_es + k] = k < 16 ? e[k] : 0xEE;
+        put32(e, 0, l.parts[i].part_id), put32(e, 4, l.parts[i].release);
+        put32(e, 8, offset), put32(e, 12, size);
+        put_entry(b, 64 + i * l.part_es, l.part_es, e);
+        offset += size;
     }
-    const uint32_t mt = 64 + np * l.part_es;
     for (uint32_t i = 0; i < nm; ++i) {
-        Bytes e(16, 0);
-        std::copy(l.models[i].id.bytes, l.models[i].id.bytes + 8, e.begin());
+        Bytes e(l.models[i].id.bytes, l.models[i].id.bytes + 8);
         put32(e, 12, l.models[i].mask);
-        for (uint32_t k = 0; k < l.model_es; ++k) b[mt + i * l.model_es + k] = k < 16 ? e[k] : 0xEE;
+        put_entry(b, model_table + i * l.model_es, l.model_es, e);
     }
     for (const PartSpec& p : l.parts) b.insert(b.end(), p.data.begin(), p.data.end());
     fix_v3(b);
@@ -138,27 +128,21 @@ inline Bytes make_v3(const V3Layout& l) {
 // The folded byte sum of an image without bytes 20..23.
 inline uint32_t v2_sum(const Bytes& b) {
     uint32_t sum = 0;
-    for (std::size_t i = 0; i < b.size(); ++i) {
-        if (i < 20 || i > 23) sum += b[i];
-    }
+    for (std::size_t i = 0; i < b.size(); ++i) sum += (i < 20 || i > 23) ? b[i] : 0;
     return (sum >> 16) + (sum & 0xffff);
 }
 
 inline Bytes make_v2(const std::vector<PartSpec>& parts, uint32_t device_code = 40) {
-    const uint32_t np = static_cast<uint32_t>(parts.size());
+    const auto np = static_cast<uint32_t>(parts.size());
     Bytes b(28 + 12 * np, 0);
-    b[0] = 'K', b[1] = 'O', b[2] = 'R', b[3] = 'V';
-    put32(b, 4, 28 + 12 * np);
-    put32(b, 8, 2);
-    put32(b, 12, device_code);
-    put32(b, 16, 0x00000200);
-    put32(b, 24, np);
+    std::copy_n("KORV", 4, b.begin());
+    const uint32_t fields[] = {28 + 12 * np, 2, device_code, 0x200, 0, np};
+    for (int i = 0; i < 6; ++i) put32(b, 4 + 4 * i, fields[i]);
     uint32_t offset = 0;
     for (uint32_t i = 0; i < np; ++i) {
-        put32(b, 28 + 12 * i, parts[i].part_id);
-        put32(b, 32 + 12 * i, offset);
-        put32(b, 36 + 12 * i, static_cast<uint32_t>(parts[i].data.size()));
-        offset += static_cast<uint32_t>(parts[i].data.size());
+        const auto size = static_cast<uint32_t>(parts[i].data.size());
+        put32(b, 28 + 12 * i, parts[i].part_id), put32(b, 32 + 12 * i, offset), put32(b, 36 + 12 * i, size);
+        offset += size;
     }
     for (const PartSpec& p : parts) b.insert(b.end(), p.data.begin(), p.data.end());
     if (b.size() < 64) b.resize(64, 0);  // readers refuse files under 64 bytes
@@ -166,10 +150,12 @@ inline Bytes make_v2(const std::vector<PartSpec>& parts, uint32_t device_code = 
     return b;
 }
 
-inline Bytes filled(std::size_t n, uint8_t seed) {
-    Bytes b(n);
-    for (std::size_t i = 0; i < n; ++i) b[i] = static_cast<uint8_t>(seed + i * 7);
-    return b;
+// What a callback prints on stderr.
+template <typename F>
+std::string stderr_of(F&& run) {
+    testing::internal::CaptureStderr();
+    run();
+    return testing::internal::GetCapturedStderr();
 }
 
 struct LoadResult {
@@ -181,12 +167,9 @@ struct LoadResult {
 // Writes `bytes` to a file in `dir` and loads it, capturing stderr.
 inline LoadResult load_bytes(const testutil::TempDir& dir, const Bytes& bytes,
                              const std::string& name = "pkg.qim") {
-    const std::string path = dir.file(name);
-    testutil::writeBytes(path, std::vector<unsigned char>(bytes.begin(), bytes.end()));
+    testutil::writeBytes(dir.file(name), bytes);
     LoadResult r{new_package(), 0, ""};
-    testing::internal::CaptureStderr();
-    r.rc = qim_package_load(r.pkg.get(), path.c_str());
-    r.err = testing::internal::GetCapturedStderr();
+    r.err = stderr_of([&] { r.rc = qim_package_load(r.pkg.get(), dir.file(name).c_str()); });
     return r;
 }
 
