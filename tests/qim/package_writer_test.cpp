@@ -46,16 +46,15 @@ Written write(const testutil::TempDir& dir, qim_package* pkg, Writer writer) {
     return w;
 }
 
-const std::vector<PartSpec> kTwoParts = {{1, 0x04020600, filled(1000, 1)}, {2, 0x01000000, filled(24, 2)}};
+const std::vector<PartSpec> kTwoParts = two_parts().parts;
 
 // Writer and reader agree with an independent layout, field by field.
 TEST(Writer, Version3RoundTripThroughTheReader) {
     testutil::TempDir dir;
-    PackagePtr built = assemble(dir, kTwoParts, {{id_text("M1"), 0x3}});
+    const V3Layout l = two_parts();
+    PackagePtr built = assemble(dir, l.parts, l.models);
     Written w = write(dir, built.get(), qim_package_write);
     ASSERT_EQ(w.rc, ZEL_SUCCESS) << w.err;
-    V3Layout l;
-    l.parts = kTwoParts, l.models = {{id_text("M1"), 0x3}}, l.mfgc = id_text("ACME"), l.product_version = 0x102;
     ASSERT_EQ(w.file, make_v3(l));
     ASSERT_EQ(w.file.size(), 1136u);  // header_length 112 and 1024 bytes of data
     EXPECT_EQ(built->header->checksum, get32(w.file, 24));
@@ -95,31 +94,28 @@ TEST(Writer, DataChangesOnlyTheFileChecksumHeaderChangesBoth) {
     EXPECT_NE(header->header->checksum, base->header->checksum);
 }
 
-TEST(Writer, RefusesHeadersPastTheBytesTheReaderTakes) {
+TEST(Writer, RefusalsAreReported) {
     testutil::TempDir dir;
-    std::vector<ModelSpec> models;
+    std::vector<ModelSpec> models;  // 20 parts and 10 models: more than the 512 bytes a reader takes
     for (uint8_t i = 0; i < 10; ++i) models.push_back({qim_id{{'M', i}}, 1});
-    PackagePtr pkg = assemble(dir, std::vector<PartSpec>(20, {4, 0, {1}}), models);
-    Written w = write(dir, pkg.get(), qim_package_write);
+    PackagePtr many = assemble(dir, std::vector<PartSpec>(20, {4, 0, {1}}), models);
+    Written w = write(dir, many.get(), qim_package_write);
     EXPECT_EQ(w.rc, ZEL_INVALIDDATA);
     EXPECT_NE(w.err.find("544 header bytes"), std::string::npos) << w.err;
-}
-
-TEST(Writer, MissingPartFileIsReported) {
-    testutil::TempDir dir;
-    PackagePtr pkg = assemble(dir, {{4, 0, {1, 2}}}, {});
-    std::remove(dir.file("part0").c_str());
-    Written w = write(dir, pkg.get(), qim_package_write);
+    PackagePtr one = assemble(dir, {{4, 0, {1, 2}}}, {});
+    std::remove(dir.file("part0").c_str());  // a part file gone before the write
+    w = write(dir, one.get(), qim_package_write);
     EXPECT_EQ(w.rc, ZEL_INVALIDPARAMETER);
     EXPECT_NE(w.err.find("cannot read part data from"), std::string::npos) << w.err;
 }
 
 TEST(Writer, Version2RoundTripThroughTheReader) {
     testutil::TempDir dir;
-    PackagePtr built = assemble(dir, {{1, 0, filled(1000, 1)}, {2, 0, filled(24, 2)}}, {}, 0x200);
+    const std::vector<PartSpec> parts = {{1, 0, filled(1000, 1)}, {2, 0, filled(24, 2)}};
+    PackagePtr built = assemble(dir, parts, {}, 0x200);
     Written w = write(dir, built.get(), qim_package_write_v2);
     ASSERT_EQ(w.rc, ZEL_SUCCESS) << w.err;
-    ASSERT_EQ(w.file, make_v2({{1, 0, filled(1000, 1)}, {2, 0, filled(24, 2)}}));
+    ASSERT_EQ(w.file, make_v2(parts));
     EXPECT_EQ(built->header->checksum, v2_sum(w.file));
     LoadResult r = load_bytes(dir, w.file);
     ASSERT_EQ(r.rc, ZEL_SUCCESS) << r.err;

@@ -82,6 +82,16 @@ struct V3Layout {
     uint32_t model_es = 16;
 };
 
+// Two parts of 1000 and 24 bytes and one model: header_length 112, 1136 bytes in all.
+inline V3Layout two_parts() {
+    V3Layout l;
+    l.parts = {{1, 0x04020600, filled(1000, 1)}, {2, 0x01000000, filled(24, 2)}};
+    l.models = {{id_text("M1"), 0x3}};
+    l.mfgc = id_text("ACME");
+    l.product_version = 0x102;
+    return l;
+}
+
 // Recomputes the header CRC (minor != 0) and the file CRC of a v3 image.
 inline void fix_v3(Bytes& b) {
     const uint32_t header_length = get32(b, 4);
@@ -171,6 +181,15 @@ inline LoadResult load_bytes(const testutil::TempDir& dir, const Bytes& bytes,
     LoadResult r{new_package(), 0, ""};
     r.err = stderr_of([&] { r.rc = qim_package_load(r.pkg.get(), dir.file(name).c_str()); });
     return r;
+}
+
+// What `use` returns when given a stream open for reading on a file holding `bytes`.
+template <typename F>
+auto on_file(const Bytes& bytes, F&& use) {
+    testutil::TempDir dir;
+    testutil::writeBytes(dir.file("f"), bytes);
+    std::unique_ptr<FILE, int (*)(FILE*)> f(std::fopen(dir.file("f").c_str(), "rb"), std::fclose);
+    return use(f.get());
 }
 
 // What a callback writes to a stream.
