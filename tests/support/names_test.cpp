@@ -13,60 +13,27 @@
 namespace {
 
 TEST(DeviceNameRules, Validity) {
-    EXPECT_TRUE(zel_is_valid_device_name("box-1"));
-    EXPECT_TRUE(zel_is_valid_device_name("a"));
-    EXPECT_TRUE(zel_is_valid_device_name(std::string(31, 'x').c_str()));
-    EXPECT_FALSE(zel_is_valid_device_name(std::string(32, 'x').c_str()));
+    const std::pair<std::string, bool> cases[] = {
+        {"box-1", true},  {"a", true},     {std::string(31, 'x'), true}, {std::string(32, 'x'), false},
+        {"", false},      {"-bad", false}, {"bad-", false},              {"sp ace", false}, {"box_1", false}};
+    for (const auto& c : cases) EXPECT_EQ(zel_is_valid_device_name(c.first.c_str()), c.second) << c.first;
     EXPECT_FALSE(zel_is_valid_device_name(nullptr));
-    EXPECT_FALSE(zel_is_valid_device_name(""));
-    EXPECT_FALSE(zel_is_valid_device_name("-bad"));
-    EXPECT_FALSE(zel_is_valid_device_name("bad-"));
-    EXPECT_FALSE(zel_is_valid_device_name("sp ace"));
-    EXPECT_FALSE(zel_is_valid_device_name("box_1"));
 }
 
-struct SplitCase {
-    const char* text;
-    const char* head;
-    const char* rest;  // null when no dot was found
-};
-
 TEST(SplitAtDot, EscapesAndRest) {
-    const SplitCase cases[] = {
-        {"box-1.lan", "box-1", "lan"},  {"a\\.b.c", "a\\.b", "c"}, {"a\\\\.b", "a\\\\", "b"},
-        {"nodot", "nodot", nullptr},    {".lead", "", "lead"},      {"end\\", "end\\", nullptr},
-        {"a.b.c", "a", "b.c"},
-    };
-    for (const SplitCase& c : cases) {
+    struct Case {
+        const char *text, *head, *rest;  // rest null when no dot was found
+    } const cases[] = {{"box-1.lan", "box-1", "lan"}, {"a\\.b.c", "a\\.b", "c"}, {"a\\\\.b", "a\\\\", "b"},
+                       {"nodot", "nodot", nullptr},   {".lead", "", "lead"},     {"end\\", "end\\", nullptr},
+                       {"a.b.c", "a", "b.c"}};
+    for (const Case& c : cases) {
         char buf[32];
         std::strcpy(buf, c.text);
         char* rest = buf;
         EXPECT_EQ(zel_split_at_dot(buf, &rest), buf);
         EXPECT_STREQ(buf, c.head) << c.text;
-        if (c.rest == nullptr) {
-            EXPECT_EQ(rest, nullptr) << c.text;
-        } else {
-            EXPECT_STREQ(rest, c.rest) << c.text;
-        }
+        EXPECT_STREQ(rest, c.rest) << c.text;
     }
-    char plain[] = "x.y";
-    EXPECT_EQ(zel_split_at_dot(plain, nullptr), plain);
-    EXPECT_STREQ(plain, "x");
-}
-
-TEST(DefaultDeviceName, CutsToTheBuffer) {
-    char buf[32];
-    size_t len = sizeof buf;
-    EXPECT_EQ(zel_default_device_name(buf, &len), ZEL_SUCCESS);
-    EXPECT_STREQ(buf, "TorviDevice");
-    EXPECT_EQ(len, 12u);
-    len = 6;
-    EXPECT_EQ(zel_default_device_name(buf, &len), ZEL_SUCCESS);
-    EXPECT_STREQ(buf, "Torvi");
-    EXPECT_EQ(len, 6u);
-    len = 0;
-    EXPECT_EQ(zel_default_device_name(buf, &len), ZEL_INVALIDPARAMETER);
-    EXPECT_EQ(zel_default_device_name(nullptr, &len), ZEL_INVALIDPARAMETER);
 }
 
 TEST(HostnameQuery, SizeNeededAndCut) {
@@ -81,12 +48,9 @@ TEST(HostnameQuery, SizeNeededAndCut) {
     EXPECT_EQ(zel_hostname_query(buf, &len), ZEL_SUCCESS);
     EXPECT_EQ(len, host.size() + 1);
     EXPECT_EQ(std::string(buf), host.substr(0, 2));
-    EXPECT_EQ(zel_hostname_query(buf, nullptr), ZEL_SUCCESS);
-
     char name[256];
     EXPECT_EQ(zel_hostname(name, sizeof name), ZEL_SUCCESS);
     EXPECT_EQ(std::string(name), host);
-    EXPECT_EQ(zel_hostname(nullptr, 5), ZEL_INVALIDPARAMETER);
     if (host.size() >= 2) {
         char small[2] = {'x', 'x'};
         EXPECT_EQ(zel_hostname(small, sizeof small), ZEL_TRUNCATED);
@@ -102,30 +66,24 @@ std::string device_name_for_host(const char* host, size_t size) {
     if (pipe(fds) != 0) return "";
     const pid_t pid = fork();
     if (pid == 0) {
-        close(fds[0]);
         if (unshare(CLONE_NEWUTS) != 0 || sethostname(host, std::strlen(host)) != 0) _exit(3);
         char buf[64] = {};
         size_t len = size;
         const zel_error_t code = zel_device_name(buf, &len);
         const std::string report = std::to_string(code) + ":" + buf + ":" + std::to_string(len);
-        if (write(fds[1], report.data(), report.size()) < 0) _exit(4);
-        _exit(0);
+        _exit(write(fds[1], report.data(), report.size()) < 0 ? 4 : 0);
     }
     close(fds[1]);
-    std::string out;
-    char chunk[128];
-    ssize_t n;
-    while ((n = read(fds[0], chunk, sizeof chunk)) > 0) out.append(chunk, static_cast<size_t>(n));
+    char out[128] = {};
+    const ssize_t n = read(fds[0], out, sizeof out - 1);
     close(fds[0]);
     int status = 0;
     waitpid(pid, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return "";
-    return out;
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0 && n > 0 ? out : "";
 }
 
 struct DeviceNameCase {
-    const char* name;
-    const char* host;
+    const char *name, *host;
     size_t size;
     const char* report;
 };
@@ -133,10 +91,9 @@ struct DeviceNameCase {
 class DeviceName : public ::testing::TestWithParam<DeviceNameCase> {};
 
 TEST_P(DeviceName, FromHostName) {
-    const DeviceNameCase& c = GetParam();
-    const std::string got = device_name_for_host(c.host, c.size);
+    const std::string got = device_name_for_host(GetParam().host, GetParam().size);
     if (got.empty()) GTEST_SKIP() << "no private UTS namespace here";
-    EXPECT_EQ(got, c.report);
+    EXPECT_EQ(got, GetParam().report);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -153,37 +110,18 @@ TEST(DeviceNameArgs, Refused) {
     char buf[8];
     size_t len = 0;
     EXPECT_EQ(zel_device_name(buf, &len), ZEL_INVALIDPARAMETER);
+    EXPECT_EQ(zel_default_device_name(buf, &len), ZEL_INVALIDPARAMETER);
     len = 8;
     EXPECT_EQ(zel_device_name(nullptr, &len), ZEL_INVALIDPARAMETER);
     EXPECT_EQ(zel_device_name(buf, nullptr), ZEL_INVALIDPARAMETER);
 }
 
-TEST(OsTexts, FitOrRefuse) {
-    char buf[64];
+TEST(OsName, FitsOrIsCutAndRefused) {
+    char buf[6];
     EXPECT_EQ(zel_os_name(buf, sizeof buf), ZEL_SUCCESS);
     EXPECT_STREQ(buf, "Linux");
-    char small[5];
-    EXPECT_EQ(zel_os_name(small, sizeof small), ZEL_INVALIDPARAMETER);
-    EXPECT_STREQ(small, "Linu");
-    EXPECT_EQ(zel_os_name(buf, 6), ZEL_SUCCESS);
-    EXPECT_EQ(zel_os_name(nullptr, 6), ZEL_INVALIDPARAMETER);
-
-    struct utsname u;
-    ASSERT_EQ(uname(&u), 0);
-    EXPECT_EQ(zel_os_sysname(buf, sizeof buf), ZEL_SUCCESS);
-    EXPECT_STREQ(buf, u.sysname);
-    char rel[sizeof u.release];
-    EXPECT_EQ(zel_os_release(rel, sizeof rel), ZEL_SUCCESS);
-    EXPECT_STREQ(rel, u.release);
-    EXPECT_EQ(zel_os_release(rel, 2), ZEL_INVALIDPARAMETER);
-    EXPECT_EQ(std::strlen(rel), 1u);
-    EXPECT_EQ(zel_os_sysname(nullptr, 8), ZEL_INVALIDPARAMETER);
-}
-
-TEST(SystemWrappers, YieldAndSleep) {
-    EXPECT_EQ(zel_yield(), ZEL_SUCCESS);
-    EXPECT_EQ(zel_sleep_ms(0), ZEL_SUCCESS);
-    EXPECT_EQ(zel_sleep_ms(2), ZEL_SUCCESS);
+    EXPECT_EQ(zel_os_name(buf, 5), ZEL_INVALIDPARAMETER);
+    EXPECT_STREQ(buf, "Linu");
 }
 
 }  // namespace
