@@ -6,156 +6,125 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <sys/random.h>
 #include <string>
+#include <sys/random.h>
 
 #include "net/random_internal.h"
 
 namespace {
 
 // A scripted kernel: each getrandom call takes the next step (a byte count to
-// deliver, or -errno), and sleeps are counted instead of slept.
-struct Script {
-    std::deque<int> steps;
-    int calls = 0;
-    int sleeps = 0;
-    unsigned char bytes[4] = {0x78, 0x56, 0x34, 0x12};
-};
-Script* g_script = nullptr;
+// deliver, or -errno; 4 when the script is used up), and sleeps are counted
+// instead of slept.
+std::deque<int> g_steps;
+int g_calls = 0, g_sleeps = 0;
+const unsigned char kBytes[4] = {0x78, 0x56, 0x34, 0x12};
+const unsigned kScriptedSeed = [] {
+    std::uint32_t v;
+    std::memcpy(&v, kBytes, sizeof v);
+    return v;
+}();
 
 ssize_t scripted_getrandom(void* buf, std::size_t len, unsigned flags) {
     EXPECT_EQ(flags, static_cast<unsigned>(GRND_NONBLOCK));
-    ++g_script->calls;
-    const int step = g_script->steps.empty() ? 4 : g_script->steps.front();
-    if (!g_script->steps.empty()) g_script->steps.pop_front();
-    if (step < 0) {
-        errno = -step;
-        return -1;
-    }
-    std::memcpy(buf, g_script->bytes, static_cast<std::size_t>(step) < len ? static_cast<std::size_t>(step) : len);
-    return step;
+    ++g_calls;
+    const int step = g_steps.empty() ? 4 : g_steps.front();
+    if (!g_steps.empty()) g_steps.pop_front();
+    if (step < 0) errno = -step;
+    if (step > 0) std::memcpy(buf, kBytes, std::min<std::size_t>(static_cast<std::size_t>(step), len));
+    return step < 0 ? -1 : step;
 }
 
 unsigned counted_sleep(unsigned seconds) {
     EXPECT_EQ(seconds, 1u);
-    ++g_script->sleeps;
+    ++g_sleeps;
     return 0;
 }
 
 class Seeding : public ::testing::Test {
 protected:
-    Script script;
-    zel_random_system saved = zel_random_system_calls;
+    const zel_random_system saved = zel_random_system_calls;
     void SetUp() override {
-        g_script = &script;
+        g_steps.clear();
+        g_calls = g_sleeps = 0;
         zel_random_system_calls = {scripted_getrandom, counted_sleep};
     }
-    void TearDown() override {
-        zel_random_system_calls = saved;
-        g_script = nullptr;
-    }
-    // The first value rand() gives after srand(seed).
-    static int first_value_for(unsigned seed) {
-        std::srand(seed);
-        return std::rand();
-    }
-    unsigned scripted_seed() const {
-        std::uint32_t v;
-        std::memcpy(&v, script.bytes, sizeof v);
-        return v;
-    }
+    void TearDown() override { zel_random_system_calls = saved; }
 };
 
-TEST_F(Seeding, InterruptedTwiceThenSeededWithTheBytesRead) {
-    script.steps = {-EINTR, -EINTR, 4};
-    const int expected = first_value_for(scripted_seed());
-    ::testing::internal::CaptureStdout();
-    EXPECT_EQ(zel_random_init(), ZEL_SUCCESS);
-    const std::string out = ::testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out, "Retry getrandom due to err[4][Interrupted system call].\n"
-                   "Retry getrandom due to err[4][Interrupted system call].\n");
-    EXPECT_EQ(script.calls, 3);
-    EXPECT_EQ(script.sleeps, 2);
-    EXPECT_EQ(zel_random(), expected);
+int first_value_for(unsigned seed) {
+    std::srand(seed);
+    return std::rand();
 }
 
-TEST_F(Seeding, ShortReadsAndAgainAreRetried) {
-    script.steps = {2, 0, -EAGAIN, 4};
-    ::testing::internal::CaptureStdout();
-    zel_random_init();
-    const std::string out = ::testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out, "Retry getrandom due to less than expected data returned [2].\n"
-                   "Retry getrandom due to less than expected data returned [0].\n"
-                   "Retry getrandom due to err[11][Resource temporarily unavailable].\n");
-    EXPECT_EQ(script.sleeps, 3);
-}
+struct SeedCase {
+    const char* name;
+    std::deque<int> steps;
+    const char *out, *err;
+    int sleeps;
+    unsigned seed;
+};
 
-TEST_F(Seeding, OtherFailuresFallBackToSeedTwo) {
-    script.steps = {-ENOSYS};
-    const int expected = first_value_for(2);
+class SeedRetries : public Seeding, public ::testing::WithParamInterface<SeedCase> {};
+
+TEST_P(SeedRetries, LinesSleepsAndSeed) {
+    const SeedCase& c = GetParam();
+    g_steps = c.steps;
+    const int expected = first_value_for(c.seed);
     ::testing::internal::CaptureStdout();
     ::testing::internal::CaptureStderr();
-    zel_random_init();
-    const std::string err = ::testing::internal::GetCapturedStderr();
-    const std::string out = ::testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out, "");
-    EXPECT_EQ(err, "Failed to call getrandom on /dev/urandom, err[38][Function not implemented].\n");
-    EXPECT_EQ(script.sleeps, 0);
+    EXPECT_EQ(zel_random_init(), ZEL_SUCCESS);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), c.err);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), c.out);
+    EXPECT_EQ(g_sleeps, c.sleeps);
     EXPECT_EQ(zel_random(), expected);
 }
 
-TEST_F(Seeding, DefaultEnvironmentIsSharedAndSeededOnce) {
-    zel_env* probe = nullptr;
-    ASSERT_EQ(zel_env_create(&probe), ZEL_SUCCESS);
-    const std::uint32_t held_before = probe->refCount - 1;
-    zel_env_release(probe);
-    if (held_before != 0) GTEST_SKIP() << "another test of this process holds the default environment";
-    script.calls = 0;
+INSTANTIATE_TEST_SUITE_P(
+    Kernels, SeedRetries,
+    ::testing::Values(SeedCase{"InterruptedTwice", {-EINTR, -EINTR, 4},
+                               "Retry getrandom due to err[4][Interrupted system call].\n"
+                               "Retry getrandom due to err[4][Interrupted system call].\n",
+                               "", 2, kScriptedSeed},
+                      SeedCase{"ShortReadsAndAgain", {2, 0, -EAGAIN, 4},
+                               "Retry getrandom due to less than expected data returned [2].\n"
+                               "Retry getrandom due to less than expected data returned [0].\n"
+                               "Retry getrandom due to err[11][Resource temporarily unavailable].\n",
+                               "", 3, kScriptedSeed},
+                      SeedCase{"OtherFailureFallsBackToSeedTwo", {-ENOSYS}, "",
+                               "Failed to call getrandom on /dev/urandom, err[38][Function not implemented].\n", 0, 2}),
+    [](const ::testing::TestParamInfo<SeedCase>& i) { return std::string(i.param.name); });
 
+TEST_F(Seeding, DefaultEnvironmentIsSharedAndSeededOnce) {
     zel_env* a = nullptr;
     zel_env* b = nullptr;
     ASSERT_EQ(zel_env_create(&a), ZEL_SUCCESS);
-    zel_log* log = a->log;
-    zel_event_loop* loop = a->loop;
-    ASSERT_NE(log, nullptr);
-    ASSERT_NE(loop, nullptr);
+    if (a->refCount != 1) {
+        zel_env_release(a);
+        GTEST_SKIP() << "another test of this process holds the default environment";
+    }
     ASSERT_EQ(zel_env_create(&b), ZEL_SUCCESS);
     EXPECT_EQ(a, b);
-    EXPECT_EQ(b->log, log);
-    EXPECT_EQ(b->loop, loop);
     EXPECT_EQ(a->refCount, 2u);
-    EXPECT_EQ(a->flags, ZEL_ENV_FLAG_OWNS_LOG | ZEL_ENV_FLAG_OWNS_LOOP);
-    EXPECT_EQ(script.calls, 1);  // seeded by the first holder only
-
+    EXPECT_NE(a->log, nullptr);
+    EXPECT_NE(a->loop, nullptr);
+    EXPECT_EQ(g_calls, 1);  // seeded by the first holder only
     int marker = 0;
     zel_env_set_context(a, &marker, nullptr);
+    const zel_log* log = a->log;
     zel_env_release(a);  // one holder left: nothing destroyed
-    EXPECT_EQ(a->refCount, 1u);
     EXPECT_EQ(a->log, log);
     zel_env_release(b);
-    EXPECT_EQ(a->refCount, 0u);
-    EXPECT_EQ(a->log, nullptr);
-    EXPECT_EQ(a->loop, nullptr);
-    EXPECT_EQ(a->flags, 0u);
+    EXPECT_TRUE(a->refCount == 0 && a->log == nullptr && a->loop == nullptr && a->flags == 0);
     EXPECT_EQ(zel_env_context(a), &marker);  // the context stays
     zel_env_release(a);  // no holder left: ignored
-    EXPECT_EQ(a->refCount, 0u);
     zel_env_destroy(a);  // never frees the static default
+    EXPECT_EQ(a->refCount, 0u);
     zel_env_set_context(a, nullptr, nullptr);
-
     ASSERT_EQ(zel_env_create(&a), ZEL_SUCCESS);  // starts afresh and seeds again
-    EXPECT_EQ(script.calls, 2);
+    EXPECT_EQ(g_calls, 2);
     EXPECT_NE(a->loop, nullptr);
     zel_env_release(a);
-}
-
-TEST(Environment, NullOutMakesNothing) {
-    EXPECT_EQ(zel_env_create(nullptr), ZEL_INVALIDPARAMETER);
-    EXPECT_EQ(zel_env_new(nullptr, nullptr, nullptr), ZEL_INVALIDPARAMETER);
-    EXPECT_EQ(zel_env_new_flags(6, nullptr), ZEL_INVALIDPARAMETER);
-    zel_env_release(nullptr);
-    zel_env_destroy(nullptr);
-    EXPECT_EQ(zel_env_context(nullptr), nullptr);
 }
 
 int g_destroyed = 0;
@@ -164,45 +133,38 @@ void count_destruction(void* context) {
     EXPECT_EQ(*static_cast<int*>(context), 42);
 }
 
-TEST(Environment, HeapEnvironmentWithCallersLogAndLoopLeavesThemAlone) {
+TEST(HeapEnvironment, OwnsOnlyWhatItCreated) {
+    EXPECT_EQ(zel_env_create(nullptr), ZEL_INVALIDPARAMETER);
+    EXPECT_EQ(zel_env_new(nullptr, nullptr, nullptr), ZEL_INVALIDPARAMETER);
+    zel_env* env = nullptr;
+    ASSERT_EQ(zel_env_new(&env, nullptr, nullptr), ZEL_SUCCESS);
+    EXPECT_TRUE(env->log != nullptr && env->loop != nullptr);
+    EXPECT_EQ(env->flags, ZEL_ENV_FLAG_HEAP | ZEL_ENV_FLAG_OWNS_LOG | ZEL_ENV_FLAG_OWNS_LOOP);
+    zel_env_release(env);  // the sanitizer build checks that log and loop went with it
+
     zel_log* log = zel_log_create();
     zel_event_loop* loop = nullptr;
     ASSERT_EQ(zel_event_loop__create(&loop), ZEL_SUCCESS);
-    zel_env* env = nullptr;
     ASSERT_EQ(zel_env_new(&env, log, loop), ZEL_SUCCESS);
     EXPECT_EQ(env->flags, ZEL_ENV_FLAG_HEAP);
-    EXPECT_EQ(env->refCount, 1u);
     int value = 42;
     g_destroyed = 0;
     zel_env_set_context(env, &value, count_destruction);
     zel_env_release(env);
     EXPECT_EQ(g_destroyed, 1);
-    // Still usable: the sanitizer build would flag a use after free here.
-    zel_log_set_level(log, ZEL_LOG_DEST_STDERR, 2);
+    zel_log_set_level(log, ZEL_LOG_DEST_STDERR, 2);  // still usable: the sanitizer build flags a use after free
     EXPECT_EQ(zel_event_loop__destroy(loop), ZEL_SUCCESS);
     zel_log_release(log);
 }
 
-TEST(Environment, HeapEnvironmentCreatesWhatItIsNotGiven) {
-    zel_env* env = nullptr;
-    ASSERT_EQ(zel_env_new(&env, nullptr, nullptr), ZEL_SUCCESS);
-    EXPECT_NE(env->log, nullptr);
-    EXPECT_NE(env->loop, nullptr);
-    EXPECT_EQ(env->flags, ZEL_ENV_FLAG_HEAP | ZEL_ENV_FLAG_OWNS_LOG | ZEL_ENV_FLAG_OWNS_LOOP);
-    zel_env_release(env);  // the sanitizer build checks that log and loop went with it
-}
-
-TEST(Environment, MarkedEnvironmentRefusesReleaseUntilDestroyed) {
+TEST(HeapEnvironment, MarkedOneRefusesReleaseUntilDestroyed) {
     zel_env* env = nullptr;
     ASSERT_EQ(zel_env_new_flags(ZEL_ENV_FLAG_OWNS_LOOP, &env), ZEL_SUCCESS);
     EXPECT_EQ(env->flags, ZEL_ENV_FLAG_HEAP | ZEL_ENV_FLAG_NO_RELEASE | ZEL_ENV_FLAG_OWNS_LOOP);
-    EXPECT_EQ(env->log, nullptr);
-    EXPECT_NE(env->loop, nullptr);
-    EXPECT_EQ(env->refCount, 1u);
+    EXPECT_TRUE(env->log == nullptr && env->loop != nullptr);
     ::testing::internal::CaptureStderr();
     zel_env_release(env);
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-              "Error: This env cannot be cleaned up using zel_env_release!\n");
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Error: This env cannot be cleaned up using zel_env_release!\n");
     const zel_utime zero{0, 0};
     EXPECT_EQ(zel_event_loop__run_once(env->loop, &zero), ZEL_SUCCESS);  // left usable
     int value = 42;
