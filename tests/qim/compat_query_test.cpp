@@ -64,7 +64,8 @@ TEST(CheckDevice, FlagsNamesAndModels) {
                       EXPECT_EQ(qim_package_check_device(r.pkg.get(), c.flags < 0 ? nullptr : &device, &info), c.rc);
                   }),
                   c.err);
-        EXPECT_EQ(std::make_tuple(info.known, info.matched, info.mismatched), std::make_tuple(c.known, c.matched, c.mismatched));
+        EXPECT_EQ(std::make_tuple(info.known, info.matched, info.mismatched),
+                  std::make_tuple(c.known, c.matched, c.mismatched));
         EXPECT_EQ(info.device_code, c.known & 1 ? 40u : 0u);
         const qim_id want_mfgc = id_text(c.known & 2 ? "ACME" : "");
         EXPECT_TRUE(qim_id_equal(&info.mfgc_id, &want_mfgc));

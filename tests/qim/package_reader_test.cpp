@@ -38,7 +38,9 @@ TEST(Load, CodeAndMessageOfEachCheck) {
     const struct { const char* name; char base; Pokes pokes; bool refix; std::size_t cut; zel_error_t rc;
                    const char* message; } cases[] = {
         {"ShortFile", '3', {{0, 0}}, true, 63, ZEL_INVALIDDATA, ""},
-        {"WrongMagic", '3', {{0, 0}}, true, 0, ZEL_INVALIDPARAMETER, "error: qim header doesn't have correct magic number\n"},
+        {"WrongMagic", '3', {{0, 0}}, true, 0, ZEL_INVALIDPARAMETER,
+         "error: qim header doesn't have correct magic number\n"},
+        {"Version1", '3', {{8, 1}}, true, 0, ZEL_VERSION, "unsupported qim version number: 1/0x1\n"},
         {"Version0x103", '3', {{8, 0x103}}, true, 0, ZEL_VERSION, "unsupported qim version number: 259/0x103\n"},
         {"Version2BadSum", '2', {{636, 0}}, false, 0, ZEL_INVALIDDATA, nullptr},
         {"Version3FileCrc", '3', {{1132, 0}}, false, 0, ZEL_INVALIDDATA, nullptr},
@@ -85,8 +87,9 @@ TEST(Load, FileThatCannotBeOpenedAgainIsReported) {
     Bytes b = image('3', {});
     PackagePtr pkg = new_package();
     ASSERT_EQ(qim_package_parse_header(pkg.get(), b.data(), 512, gone.c_str()), ZEL_SUCCESS);
-    EXPECT_EQ(stderr_of([&] { EXPECT_EQ(qim_internal::check_version3_file_crc(pkg.get(), b.data(), gone.c_str()), 6u); }),
-              "error: cannot reopen " + gone + ": No such file or directory\n");
+    const std::string err = stderr_of(
+        [&] { EXPECT_EQ(qim_internal::check_version3_file_crc(pkg.get(), b.data(), gone.c_str()), 6u); });
+    EXPECT_EQ(err, "error: cannot reopen " + gone + ": No such file or directory\n");
 }
 
 TEST(Load, EntrySizesBelowAndAbove16) {
@@ -117,8 +120,8 @@ TEST(Load, Version2SuppliesWhatTheFormatLacks) {
     LoadResult r = load_bytes(dir, make_v2(parts));
     ASSERT_EQ(r.rc, ZEL_SUCCESS) << r.err;
     qim_package* pkg = r.pkg.get();
-    EXPECT_EQ(std::make_tuple(qim_package_get_version(pkg), pkg->header->version_minor, qim_package_get_num_models(pkg)),
-              std::make_tuple(2u, 0u, 1));
+    EXPECT_EQ(std::make_tuple(qim_package_get_version(pkg), pkg->header->version_minor,
+                              qim_package_get_num_models(pkg)), std::make_tuple(2u, 0u, 1));
     EXPECT_TRUE(qim_id_is_any(qim_package_get_mfgc_id(pkg)));
     const qim_id device = id_text("X");
     EXPECT_TRUE(qim_package_part_matches_model(pkg, &device, 31));

@@ -130,16 +130,14 @@ TEST(IdNum, FormatsAndParses) {
 }
 
 TEST(Bitset, ToStringListsBitsAndCutsShort) {
-    uint32_t set[3] = {40, 0, 0};
-    char buf[64];
-    EXPECT_STREQ(qim_bitset_to_string(set, buf, sizeof buf), "[]");
-    set[1] = (1u << 0) | (1u << 3) | (1u << 5);
-    set[2] = 1u << 2;  // bit 34
-    EXPECT_STREQ(qim_bitset_to_string(set, buf, sizeof buf), "[ 0 3 5 34]");
-    uint32_t pair[2] = {12, (1u << 10) | (1u << 11)};
-    EXPECT_STREQ(qim_bitset_to_string(pair, buf, 5), "[ 10");
-    uint32_t beyond[2] = {4, 1u << 5};  // bit 5 lies beyond the count
-    EXPECT_STREQ(qim_bitset_to_string(beyond, buf, sizeof buf), "[]");
+    // A set is its bit count and the words; bit 34 is bit 2 of the second word.
+    const struct { std::vector<uint32_t> set; std::size_t size; const char* expect; } cases[] = {
+        {{40, 0, 0}, 64, "[]"}, {{40, 0x29, 0x4}, 64, "[ 0 3 5 34]"}, {{12, 0xC00}, 5, "[ 10"},
+        {{4, 0x20}, 64, "[]"}};  // bit 5 lies beyond the count
+    for (const auto& c : cases) {
+        char buf[64];
+        EXPECT_STREQ(qim_bitset_to_string(c.set.data(), buf, c.size), c.expect);
+    }
 }
 
 TEST(Bitset, MembersCountsAllAndStoresWhatFits) {

@@ -19,15 +19,12 @@ namespace qimtest {
 
 using Bytes = std::vector<uint8_t>;
 
-struct PackageDeleter {
-    void operator()(qim_package* p) const { qim_package_free(p); }
-};
-using PackagePtr = std::unique_ptr<qim_package, PackageDeleter>;
+using PackagePtr = std::unique_ptr<qim_package, void (*)(qim_package*)>;
 
 inline PackagePtr new_package() {
     qim_package* p = nullptr;
     EXPECT_EQ(qim_package_create(&p), ZEL_SUCCESS);
-    return PackagePtr(p);
+    return PackagePtr(p, qim_package_free);
 }
 
 inline void put32(Bytes& b, std::size_t off, uint32_t v) {

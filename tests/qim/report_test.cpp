@@ -79,7 +79,6 @@ TEST(Names, LookupsAndTheirBounds) {
             EXPECT_TRUE(qim_id_is_any(&id) || qim_device_code_from_model_id(&id) == code) << code;
         }
     }
-    EXPECT_STREQ(qim_part_partition_name(12), "fpga");
     EXPECT_STREQ(qim_part_partition_name(4096), "");
 }
 

@@ -49,10 +49,11 @@ protected:
                                      "4d31000000000000", "--manufacturer-name", "Acme Devices", "--model-name",
                                      "Board One"});
         ASSERT_EQ(cap.status, 0) << cap.err;
-        ProcessResult c = create("a.qim", {"--mfgc", "41434d4500000000", "--part", "image:4.2.6.0:" + dir.file("image.bin"),
-                                           "--part", "9:0.0.0.0:" + dir.file("cap.bin"), "--part",
-                                           "fpga:1.0.0.0:" + dir.file("fpga.bin"), "--model", "4d31000000000000:0,1",
-                                           "--model", "4d32000000000000:2"});
+        ProcessResult c = create("a.qim", {"--mfgc", "41434d4500000000",
+                                           "--part", "image:4.2.6.0:" + dir.file("image.bin"),
+                                           "--part", "9:0.0.0.0:" + dir.file("cap.bin"),
+                                           "--part", "fpga:1.0.0.0:" + dir.file("fpga.bin"),
+                                           "--model", "4d31000000000000:0,1", "--model", "4d32000000000000:2"});
         ASSERT_EQ(c.status, 0) << c.err;
         ASSERT_EQ(create("v2.qim", {"--part", "image:0.0.0.0:" + dir.file("image.bin"), "--v2"}).status, 0);
     }
@@ -87,7 +88,8 @@ TEST_F(Qimtool, VerifyInfoJsonExtract) {
           "\"product_version\":\"0x00010203\"",
           "{\"seq\":0,\"part_id\":1,\"kind\":\"image\",\"partition\":\"image\",\"release_version\":"
           "\"4.2.6.0\",\"offset\":0,\"position\":144,\"size\":3000}",
-          "\"partition\":\"capability\"", "\"model_id\":\"4d32000000000000\",\"part_mask\":\"0x00000004\",\"parts\":[2]"}) {
+          "\"partition\":\"capability\"",
+          "\"model_id\":\"4d32000000000000\",\"part_mask\":\"0x00000004\",\"parts\":[2]"}) {
         EXPECT_TRUE(has(j.out, fact)) << fact << "\n" << j.out;
     }
     EXPECT_EQ(j.out.back(), '\n');
@@ -120,11 +122,12 @@ TEST_F(Qimtool, RefusedFilesAndLayouts) {
 }
 
 TEST_F(Qimtool, CheckReportsMatchesAndNames) {
-    const struct { const char* file; std::vector<std::string> facts; int status; std::vector<const char*> lines; } cases[] = {
-        {"a.qim", {"--device-code", "40", "--mfgc", "41434d4500000000", "--model", "4d31000000000000"}, 0,
-         {"result: fits\n", "model: matched\n", "manufacturer name: Acme Devices\n", "model 4d31000000000000: Board One\n"}},
-        {"a.qim", {"--device-code", "39"}, 1, {"reason: device code differs\n"}},
-        {"v2.qim", {"--mfgc", "41434d4500000000"}, 1, {"manufacturer: mismatched (not in the package)\n"}}};
+    const struct { const char* file; std::vector<std::string> facts; int status; std::vector<const char*> lines; }
+        cases[] = {{"a.qim", {"--device-code", "40", "--mfgc", "41434d4500000000", "--model", "4d31000000000000"}, 0,
+                    {"result: fits\n", "model: matched\n", "manufacturer name: Acme Devices\n",
+                     "model 4d31000000000000: Board One\n"}},
+                   {"a.qim", {"--device-code", "39"}, 1, {"reason: device code differs\n"}},
+                   {"v2.qim", {"--mfgc", "41434d4500000000"}, 1, {"manufacturer: mismatched (not in the package)\n"}}};
     for (const auto& c : cases) {
         std::vector<std::string> args = {"check", dir.file(c.file)};
         args.insert(args.end(), c.facts.begin(), c.facts.end());
@@ -164,19 +167,16 @@ TEST(QimtoolUsage, HelpAndErrors) {
     EXPECT_EQ(top.status, 0);
     EXPECT_EQ(top.out.rfind("Usage: qimtool SUBCOMMAND", 0), 0u);
 
-    const std::vector<std::string> create = {"create", "-o", "x", "--device-code", "40", "--product-version", "1"};
-    auto plus = [](std::vector<std::string> a, const std::vector<std::string>& b) {
-        a.insert(a.end(), b.begin(), b.end());
-        return a;
-    };
     const struct { const char* name; std::vector<std::string> args; int status; } errors[] = {
         {"NoSubcommand", {}, 2},
         {"UnknownSubcommand", {"frobnicate"}, 2},
         {"InfoNoFile", {"info"}, 2},
         {"MissingFile", {"verify", "/nonexistent/x.qim"}, 1},
-        {"CreateNoParts", create, 2},
-        {"CreateBadRelease", plus(create, {"--part", "image:1.2.3:f"}), 2},
-        {"CreateBadKind", plus(create, {"--part", "nokind:1.2.3.4:f"}), 2},
+        {"CreateNoParts", {"create", "-o", "x", "--device-code", "40", "--product-version", "1"}, 2},
+        {"CreateBadRelease",
+         {"create", "-o", "x", "--device-code", "40", "--product-version", "1", "--part", "image:1.2.3:f"}, 2},
+        {"CreateBadKind",
+         {"create", "-o", "x", "--device-code", "40", "--product-version", "1", "--part", "nokind:1.2.3.4:f"}, 2},
         {"CapabilityShortId", {"capability", "-o", "x", "--mfgc", "0011", "--model", "0011223344556677"}, 2},
         {"ExtractBadSeq", {"extract", "f", "x1", "-o", "y"}, 2}};
     for (const auto& e : errors) {  // a message on stderr, nothing on stdout
