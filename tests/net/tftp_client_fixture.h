@@ -25,20 +25,35 @@ struct LogLine {
 constexpr zel_utime kRetry = {0, 200000};
 constexpr zel_utime kAbort = {0, 500000};
 
-inline double secondsSince(std::chrono::steady_clock::time_point t0, std::chrono::steady_clock::time_point t) {
+inline double secondsSince(std::chrono::steady_clock::time_point t0,
+                           std::chrono::steady_clock::time_point t = std::chrono::steady_clock::now()) {
     return std::chrono::duration<double>(t - t0).count();
+}
+
+inline zel_sockaddr address(const char* host, uint16_t port) {
+    zel_sockaddr a;
+    uint32_t ip = 0;
+    inet_pton(AF_INET, host, &ip);
+    zel_sockaddr__set_ipv4(&a, ip, port);
+    return a;
 }
 
 class TftpClientTest : public testing::Test {
 protected:
     void SetUp() override {
         ASSERT_EQ(zel_env_new(&env_, nullptr, nullptr), ZEL_SUCCESS);
-        zel_log_set_callback(env_->log, &TftpClientTest::captureLog);
+        zel_log_set_callback(env_->log, [](zel_log* log, const char*, unsigned level, const char* text, unsigned n) {
+            static_cast<TftpClientTest*>(zel_log_callback_context(log))->log_.push_back({level, std::string(text, n)});
+            return 0;
+        });
         zel_log_set_callback_context(env_->log, this);
         zel_log_set_level(env_->log, ZEL_LOG_DEST_CALLBACK, ZEL_LOG_DEBUG);
         client_ = zel_tftp_client__create(env_);
         ASSERT_NE(client_, nullptr);
-        zel_tftp_client__set_callback(client_, &TftpClientTest::onRequest);
+        zel_tftp_client__set_callback(client_, [](zel_tftp_client_request* r) {
+            auto* self = static_cast<TftpClientTest*>(zel_tftp_client__context(zel_tftp_client_request__client(r)));
+            self->callbackStates_.push_back(zel_tftp_client_request__state(r));
+        });
         zel_tftp_client__set_context(client_, this);
         file_ = std::tmpfile();
         ASSERT_NE(file_, nullptr);
@@ -51,47 +66,38 @@ protected:
         if (file_) std::fclose(file_);
     }
 
-    static zel_sockaddr address(const char* host, uint16_t port) {
-        zel_sockaddr a;
-        uint32_t ip = 0;
-        inet_pton(AF_INET, host, &ip);
-        zel_sockaddr__set_ipv4(&a, ip, port);
-        return a;
-    }
-
-    // Starts a download of `name` from 127.0.0.1:`port` into the temporary file.
+    // Starts a download of `name` from `host`:`port` into the temporary file,
+    // through a write function that counts its calls.
     zel_error_t start(uint16_t port, const std::string& name = "file.bin", const zel_utime* retry = &kRetry,
-                      const zel_utime* abort = &kAbort) {
-        const zel_sockaddr server = address("127.0.0.1", port);
-        return zel_tftp_client__recv_file(client_, &server, name.c_str(), file_, &TftpClientTest::countingWrite,
-                                          retry, abort, &request_);
+                      const zel_utime* abort = &kAbort, const char* host = "127.0.0.1") {
+        const zel_sockaddr server = address(host, port);
+        const zel_tftp_write_fn counting = [](const void* data, size_t size, size_t count, FILE* file) {
+            ++writes_;
+            return std::fwrite(data, size, count, file);
+        };
+        return zel_tftp_client__recv_file(client_, &server, name.c_str(), file_, counting, retry, abort, &request_);
     }
 
     // Turns the loop until the request is COMPLETED or ERROR; false when the
     // watchdog ran out first.
     bool runUntilDone(double watchdogSeconds = 10.0) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(watchdogSeconds);
+        const auto t0 = std::chrono::steady_clock::now();
         const zel_utime turn = {0, 50000};
-        while (!done()) {
-            if (std::chrono::steady_clock::now() >= end) return false;
-            if (zel_event_loop__run_once(env_->loop, &turn) != ZEL_SUCCESS) return false;
+        while (client_->request.state != ZEL_TFTP_CLIENT_REQUEST_STATE_COMPLETED &&
+               client_->request.state != ZEL_TFTP_CLIENT_REQUEST_STATE_ERROR) {
+            if (secondsSince(t0) > watchdogSeconds || zel_event_loop__run_once(env_->loop, &turn) != ZEL_SUCCESS)
+                return false;
         }
         return true;
-    }
-
-    bool done() const {
-        const uint32_t s = client_->request.state;
-        return s == ZEL_TFTP_CLIENT_REQUEST_STATE_COMPLETED || s == ZEL_TFTP_CLIENT_REQUEST_STATE_ERROR;
     }
 
     // Everything written so far.
     std::string received() const {
         std::fflush(file_);
-        std::string out;
         std::rewind(file_);
+        std::string out;
         char buf[65536];
-        size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, file_)) > 0) out.append(buf, n);
+        for (size_t n; (n = std::fread(buf, 1, sizeof buf, file_)) > 0;) out.append(buf, n);
         return out;
     }
 
@@ -104,13 +110,8 @@ protected:
 
     std::string dumpLog() const {
         std::string out;
-        for (const LogLine& l : log_) out += std::to_string(l.level) + " " + l.text + (l.text.back() == '\n' ? "" : "\n");
+        for (const LogLine& l : log_) out += std::to_string(l.level) + " " + l.text + "\n";
         return out;
-    }
-
-    static std::string addressText(const zel_sockaddr& a) {
-        char buf[32];
-        return zel_sockaddr__text(&a, buf, sizeof buf);
     }
 
     zel_env* env_ = nullptr;
@@ -119,26 +120,7 @@ protected:
     FILE* file_ = nullptr;
     std::vector<LogLine> log_;
     std::vector<uint32_t> callbackStates_;  // state at each client callback
-    static int writes_;                     // calls of the write function
-
-private:
-    static int captureLog(zel_log* log, const char*, unsigned level, const char* text, unsigned length) {
-        auto* self = static_cast<TftpClientTest*>(zel_log_callback_context(log));
-        self->log_.push_back({level, std::string(text, length)});
-        return 0;
-    }
-
-    static void onRequest(zel_tftp_client_request* request) {
-        auto* self = static_cast<TftpClientTest*>(zel_tftp_client__context(zel_tftp_client_request__client(request)));
-        self->callbackStates_.push_back(zel_tftp_client_request__state(request));
-    }
-
-    static size_t countingWrite(const void* data, size_t size, size_t count, FILE* file) {
-        ++writes_;
-        return std::fwrite(data, size, count, file);
-    }
+    static inline int writes_ = 0;          // calls of the write function
 };
-
-inline int TftpClientTest::writes_ = 0;
 
 }  // namespace tftptest
