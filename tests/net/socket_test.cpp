@@ -6,9 +6,8 @@
 #include <netdb.h>
 #include <string>
 #include <sys/socket.h>
-#include <sys/stat.h>
+#include <tuple>
 
-#include "common/tempdir.h"
 
 namespace {
 
@@ -37,46 +36,31 @@ std::string text_of(const zel_sockaddr& a, size_t n = 64) {
 }
 
 TEST(SockaddrText, Ipv4LocalAndEmpty) {
-    const struct {
-        zel_sockaddr a;
-        size_t n;
-        const char* text;
-    } cases[] = {{v4("10.0.0.1", 69), 64, "10.0.0.1:69 (len=16)"},
-                 {v4("255.255.255.255", 65535), 32, "255.255.255.255:65535 (len=16)"},
-                 {v4("10.0.0.1", 69), 15, ""},  // no room for the dotted quad
-                 {local("/tmp/some.sock"), 64, "/tmp/some.sock"},
-                 {local("/tmp/some.sock"), 5, ""},
-                 {zel_sockaddr{}, 64, ""}};
-    for (const auto& c : cases) EXPECT_EQ(text_of(c.a, c.n), c.text);
-    EXPECT_EQ(local("/tmp/some.sock").len, std::strlen("/tmp/some.sock") + 3);
+    const zel_sockaddr path = local("/tmp/some.sock");
+    EXPECT_EQ(path.len, std::strlen("/tmp/some.sock") + 3);
+    const std::tuple<zel_sockaddr, size_t, const char*> cases[] = {
+        {v4("10.0.0.1", 69), 64, "10.0.0.1:69 (len=16)"}, {v4("255.255.255.255", 65535), 32, "255.255.255.255:65535 (len=16)"},
+        {v4("10.0.0.1", 69), 15, ""},  // no room for the dotted quad
+        {path, 64, "/tmp/some.sock"},     {path, 5, ""}, {zel_sockaddr{}, 64, ""}};
+    for (const auto& [a, n, text] : cases) EXPECT_EQ(text_of(a, n), text);
 }
 
 TEST(SockaddrHost, SameHostIgnoresPortsAndComparesOnlyIpv4) {
     const zel_sockaddr a = v4("10.0.0.1", 69), b = v4("10.0.0.1", 50123), c = v4("10.0.0.2", 69), z{};
-    EXPECT_TRUE(zel_sockaddr__same_host(&a, &b));
-    EXPECT_FALSE(zel_sockaddr__same_host(&a, &c));
-    EXPECT_FALSE(zel_sockaddr__same_host(&z, &z));
-    EXPECT_FALSE(zel_sockaddr__same_host(&a, nullptr));
     const zel_sockaddr l = local("/tmp/x");
-    EXPECT_FALSE(zel_sockaddr__same_host(&l, &l));
+    EXPECT_TRUE(zel_sockaddr__same_host(&a, &b));
+    EXPECT_FALSE(zel_sockaddr__same_host(&a, &c) || zel_sockaddr__same_host(&z, &z));
+    EXPECT_FALSE(zel_sockaddr__same_host(&a, nullptr) || zel_sockaddr__same_host(&l, &l));
 }
 
-TEST(SockaddrSetters, FamilyChecksAndPorts) {
-    zel_sockaddr a = v4("1.2.3.4", 7);
-    const zel_sockaddr before = a;
-    EXPECT_EQ(zel_sockaddr__set_any(&a, 0, 1), ZEL_INVALIDPARAMETER);
+TEST(SockaddrSetters, RefusalsLeaveTheAddressAlone) {
+    zel_sockaddr a = v4("1.2.3.4", 7), path = local("/tmp/y");
     EXPECT_EQ(zel_sockaddr__set_any(&a, AF_INET6, 1), ZEL_NOTSUPPORTED);
     EXPECT_EQ(zel_sockaddr__set_ipv4_text(&a, AF_INET, "not-an-ip", 1), ZEL_INVALIDPARAMETER);
-    EXPECT_EQ(std::memcmp(&a, &before, sizeof a), 0);
-    EXPECT_EQ(zel_sockaddr__set_ipv4_text(&a, AF_INET, "9.8.7.6", 1000), ZEL_SUCCESS);
-    EXPECT_EQ(zel_sockaddr__set_port(&a, 69), ZEL_SUCCESS);
-    EXPECT_EQ(text_of(a), "9.8.7.6:69 (len=16)");
-    EXPECT_EQ(zel_sockaddr__set_ipv4_ptr(&a, nullptr, 6), ZEL_SUCCESS);
-    EXPECT_EQ(text_of(a), "0.0.0.0:6 (len=16)");
-    zel_sockaddr path = local("/tmp/y");
+    EXPECT_EQ(text_of(a), "1.2.3.4:7 (len=16)");
     EXPECT_EQ(zel_sockaddr__set_port(&path, 1), ZEL_AFNOSUPPORT);
     EXPECT_EQ(zel_sockaddr__set_local(&path, std::string(108, 'p').c_str()), ZEL_TRUNCATED);
-    EXPECT_STREQ(zel_sockaddr__local_path(&path), "/tmp/y");
+    EXPECT_EQ(text_of(path), "/tmp/y");
 }
 
 TEST(InetNtoa, BytesByHand) {
@@ -137,33 +121,6 @@ TEST(Socket, UdpRoundTripOnLoopback) {
     zel_socket__close(&tx);
     EXPECT_EQ(zel_socket__close(&rx), ZEL_SUCCESS);
     EXPECT_EQ(rx, -1);
-}
-
-TEST(LocalSocket, TempPathBindAndCloseRemovesThePath) {
-    testutil::TempDir dir;
-    char buf[256];
-    const size_t need = dir.path().size() + 9;
-    EXPECT_EQ(zel_temp_path(dir.path().c_str(), buf, need - 1), ZEL_NOBUFS);
-    ASSERT_EQ(zel_temp_path(dir.path().c_str(), buf, need), ZEL_SUCCESS);
-    EXPECT_EQ(std::string(buf).substr(0, dir.path().size() + 2), dir.path() + "/s");
-    EXPECT_TRUE(testutil::fileExists(buf));
-    EXPECT_EQ(zel_temp_path((dir.path() + "/missing").c_str(), buf, sizeof buf), ZEL_NODATA);
-
-    const zel_sockaddr a = local(buf);  // bind unlinks the leftover file first
-    int fd = -1;
-    ASSERT_EQ(zel_socket__open_bound(&fd, &a), ZEL_SUCCESS);
-    struct stat st;
-    ASSERT_EQ(stat(buf, &st), 0);
-    EXPECT_TRUE(S_ISSOCK(st.st_mode));
-    zel_socket__close(&fd);
-    EXPECT_FALSE(testutil::fileExists(buf));
-    zel_sockaddr fresh{};
-    ASSERT_EQ(zel_socket__open_local(&fd, AF_UNIX, &fresh), ZEL_SUCCESS);
-    const std::string temp = zel_sockaddr__local_path(&fresh);
-    EXPECT_EQ(temp.substr(0, 6), "/tmp/s");
-    EXPECT_TRUE(testutil::fileExists(temp));
-    zel_socket__close(&fd);
-    EXPECT_FALSE(testutil::fileExists(temp));
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <chrono>
 #include <cstdio>
@@ -66,11 +67,11 @@ protected:
         if (file_) std::fclose(file_);
     }
 
-    // Starts a download of `name` from `host`:`port` into the temporary file,
-    // through a write function that counts its calls.
+    // Starts a download of `name` from 127.0.0.1:`port` into the temporary
+    // file, through a write function that counts its calls.
     zel_error_t start(uint16_t port, const std::string& name = "file.bin", const zel_utime* retry = &kRetry,
-                      const zel_utime* abort = &kAbort, const char* host = "127.0.0.1") {
-        const zel_sockaddr server = address(host, port);
+                      const zel_utime* abort = &kAbort) {
+        const zel_sockaddr server = address("127.0.0.1", port);
         const zel_tftp_write_fn counting = [](const void* data, size_t size, size_t count, FILE* file) {
             ++writes_;
             return std::fwrite(data, size, count, file);
@@ -101,17 +102,15 @@ protected:
         return out;
     }
 
-    // How many captured lines equal `text` exactly at `level`.
-    int logged(unsigned level, const std::string& text) const {
-        int n = 0;
-        for (const LogLine& l : log_) n += l.level == level && l.text == text;
-        return n;
-    }
-
+    // The captured log, one "<level> <text>" per line.
     std::string dumpLog() const {
         std::string out;
         for (const LogLine& l : log_) out += std::to_string(l.level) + " " + l.text + "\n";
         return out;
+    }
+    // How many captured lines equal `text` exactly at `level`.
+    int logged(unsigned level, const std::string& text) const {
+        return static_cast<int>(std::count_if(log_.begin(), log_.end(), [&](const LogLine& l) { return l.level == level && l.text == text; }));
     }
 
     zel_env* env_ = nullptr;

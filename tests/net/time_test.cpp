@@ -65,15 +65,4 @@ TEST(UtimeSleep, ArgumentsAndASignalCuttingTheSecondsShort) {
     sigaction(SIGALRM, &old, nullptr);
 }
 
-TEST(UtimeCtime, TextOfAGivenSecondAndOfNow) {
-    char buf[ZEL_UTIME_CTIME_SIZE];
-    const zel_utime t{0, 0};
-    ASSERT_EQ(zel_utime_ctime(&t, buf), buf);
-    const std::string text = buf;
-    EXPECT_TRUE(text.substr(19) == " 1970\n" || text.substr(19) == " 1969\n") << text;  // depends on the local zone
-    ASSERT_EQ(zel_utime_ctime(nullptr, buf), buf);
-    EXPECT_EQ(std::strlen(buf), 25u);
-    EXPECT_EQ(zel_utime_ctime(&t, nullptr), nullptr);
-}
-
 }  // namespace
