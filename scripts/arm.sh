@@ -1,0 +1,121 @@
+#!/usr/bin/env bash
+# Cross-builds everything for the board (32-bit ARM Linux, arm-linux-gnueabihf)
+# in build/arm, runs the test suite on this PC under qemu-user emulation, and
+# prints the size of a stripped ARM brivlo. Installs what it needs first.
+#
+# The tests and every ARM program they start (brivlo, qimtool, flashsim with
+# its ARM preload library) run under qemu-arm: ctest starts the test programs
+# through the emulator named in the toolchain file, and the kernel's
+# binfmt_misc hands each ARM program a test starts to qemu-arm as well. Where
+# binfmt_misc cannot be set up, only the unit tests run (see below).
+# BRIVLO_ARM_BUILD names another build directory.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+started=$SECONDS
+
+triple=arm-linux-gnueabihf
+cross_root=/usr/$triple
+build=${BRIVLO_ARM_BUILD:-build/arm}
+jobs=$(nproc 2>/dev/null || echo 2)
+
+BRIVLO_DEPS_EXTRA="g++-$triple qemu-user-static binfmt-support googletest ${BRIVLO_DEPS_EXTRA:-}" scripts/deps.sh
+
+# --- zlib for the ARM tests ---------------------------------------------------
+# test_qim checks the CRC against zlib's, so the ARM tests need an ARM zlib.
+# Debian's zlib1g-dev:armhf is fetched with apt into the build directory (a
+# private package list; the machine's package configuration stays untouched)
+# and linked statically.
+deps=$root/$build/deps
+zlib_lib=$deps/root/usr/lib/$triple/libz.a
+if [ ! -f "$zlib_lib" ]; then
+  echo "== fetch zlib1g-dev:armhf"
+  mkdir -p "$deps/lists/partial" "$deps/cache/archives/partial" "$deps/debs"
+  apt_armhf=(apt-get -q -o "Dir::State::Lists=$deps/lists" -o "Dir::Cache=$deps/cache"
+             -o APT::Architecture=armhf -o APT::Architectures::=armhf -o APT::Sandbox::User=root)
+  # An index of some other suite may fail to come; the download says whether
+  # the one that holds zlib did.
+  "${apt_armhf[@]}" update >"$deps/update.log" 2>&1 || true
+  if ! (cd "$deps/debs" && "${apt_armhf[@]}" download zlib1g-dev:armhf >"$deps/download.log" 2>&1); then
+    cat "$deps/update.log" "$deps/download.log" >&2
+    echo "arm.sh: cannot fetch zlib1g-dev:armhf" >&2
+    exit 1
+  fi
+  dpkg-deb -x "$deps"/debs/zlib1g-dev_*_armhf.deb "$deps/root"
+fi
+
+# --- build --------------------------------------------------------------------
+echo "== configure $build"
+cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE=cmake/$triple.cmake -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DBRIVLO_WERROR=ON -DZLIB_INCLUDE_DIR="$deps/root/usr/include" -DZLIB_LIBRARY="$zlib_lib" >/dev/null
+echo "== build $build"
+cmake --build "$build" -j"$jobs"
+build_done=$SECONDS
+
+# --- binfmt_misc: ARM programs started by tests go to qemu-arm ------------------
+binfmt=/proc/sys/fs/binfmt_misc
+arm_registered() { [ -r $binfmt/qemu-arm ] && [ "$(head -n1 $binfmt/qemu-arm)" = enabled ]; }
+register_arm() {
+  [ -e $binfmt/register ] || mount -t binfmt_misc binfmt_misc $binfmt 2>/dev/null || return 1
+  arm_registered && return 0
+  update-binfmts --enable qemu-arm >/dev/null 2>&1 || true
+  arm_registered && return 0
+  # By hand: 32-bit little-endian ARM ELF executables. F opens the interpreter
+  # now, so it also serves programs in other mount namespaces.
+  printf '%s' ':qemu-arm:M::\x7fELF\x01\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\x28\x00:\xff\xff\xff\xff\xff\xff\xff\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff\xff:/usr/bin/qemu-arm-static:F' \
+    >$binfmt/register 2>/dev/null || return 1
+  arm_registered
+}
+# qemu started through binfmt_misc finds the ARM C library only through this.
+export QEMU_LD_PREFIX=$cross_root
+binfmt_ok=false
+if register_arm; then
+  # Registered is not enough: the ARM brivlo must really start (usage: status 5).
+  set +e
+  "$build/app/brivlo" -? >/dev/null 2>&1
+  [ $? -eq 5 ] && binfmt_ok=true
+  set -e
+fi
+
+# --- tests ----------------------------------------------------------------------
+# Not run under emulation, because qemu-user cannot do what they need:
+#  - Socket.OptionsOnARealSocket: qemu-user 7.2 does not implement the socket
+#    option IP_MULTICAST_IF (it answers ENOPROTOOPT);
+#  - the end-to-end tests that run brivlo under ptrace (e2e::runTraced, to see
+#    the status file at every update): qemu-user cannot be traced as the ARM
+#    program it runs, so they would hang until their time limit.
+not_emulated='^Socket\.OptionsOnARealSocket$'
+not_emulated+='|^E2e/PackageRefusal\.NothingIsWritten/|^PackageWrite\.ProgressRunsOnAcrossParts$'
+not_emulated+='|^PackageCompat\.WithoutControlSocketThePhyReadsAsZero$'
+
+if $binfmt_ok; then
+  echo "== test $build under qemu-arm"
+  ctest --test-dir "$build" -j"$jobs" --output-on-failure -E "$not_emulated"
+else
+  echo "== binfmt_misc cannot hand ARM programs to qemu-arm on this machine:" >&2
+  echo "   only the unit tests run (each through qemu-arm -L $cross_root); the" >&2
+  echo "   tests that start brivlo, qimtool or flashsim (e2e, flashsim, qimtool) cannot." >&2
+  for t in "$build"/tests/test_*; do
+    [ -x "$t" ] || continue
+    case $(basename "$t") in
+      test_e2e | test_flashsim | test_qimtool) continue ;;
+    esac
+    echo "== $(basename "$t")"
+    qemu-arm-static -L "$cross_root" "$t" --gtest_brief=1 --gtest_filter=-Socket.OptionsOnARealSocket
+  done
+fi
+tests_done=$SECONDS
+
+# --- what goes onto the board -------------------------------------------------
+stripped=$build/brivlo.stripped
+$triple-strip -o "$stripped" "$build/app/brivlo"
+needed=$($triple-readelf -d "$build/app/brivlo" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n' ' ')
+for lib in $needed; do
+  case $lib in
+    libc.so.* | libstdc++.so.* | libgcc_s.so.* | libm.so.* | ld-linux-armhf.so.*) ;;
+    *) echo "arm.sh: brivlo needs $lib, more than the C and C++ runtime" >&2; exit 1 ;;
+  esac
+done
+echo "ARM brivlo needs: $needed"
+echo "ARM brivlo stripped: $(stat -c %s "$stripped") bytes"
+echo "ARM stage: $((SECONDS - started)) s (build $((build_done - started)) s, tests $((tests_done - build_done)) s)"
