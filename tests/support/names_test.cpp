@@ -1,5 +1,4 @@
 #include "support/names.h"
-#include "support/system.h"
 
 #include <gtest/gtest.h>
 
@@ -17,22 +16,6 @@ TEST(DeviceNameRules, Validity) {
         {"", false},      {"-bad", false}, {"bad-", false},              {"sp ace", false}, {"box_1", false}};
     for (const auto& c : cases) EXPECT_EQ(zel_is_valid_device_name(c.first.c_str()), c.second) << c.first;
     EXPECT_FALSE(zel_is_valid_device_name(nullptr));
-}
-
-TEST(SplitAtDot, EscapesAndRest) {
-    struct Case {
-        const char *text, *head, *rest;  // rest null when no dot was found
-    } const cases[] = {{"box-1.lan", "box-1", "lan"}, {"a\\.b.c", "a\\.b", "c"}, {"a\\\\.b", "a\\\\", "b"},
-                       {"nodot", "nodot", nullptr},   {".lead", "", "lead"},     {"end\\", "end\\", nullptr},
-                       {"a.b.c", "a", "b.c"}};
-    for (const Case& c : cases) {
-        char buf[32];
-        std::strcpy(buf, c.text);
-        char* rest = buf;
-        EXPECT_EQ(zel_split_at_dot(buf, &rest), buf);
-        EXPECT_STREQ(buf, c.head) << c.text;
-        EXPECT_STREQ(rest, c.rest) << c.text;
-    }
 }
 
 // Runs zel_device_name in a child with its own host name (a private UTS
@@ -82,21 +65,5 @@ INSTANTIATE_TEST_SUITE_P(
                       DeviceNameCase{"TooSmallFallsBack", "box-12345.lan", 6, "0:Torvi:6"},
                       DeviceNameCase{"ExactFit", "box-1.lan", 6, "0:box-1:6"}),
     [](const ::testing::TestParamInfo<DeviceNameCase>& i) { return std::string(i.param.name); });
-
-TEST(DeviceNameArgs, Refused) {
-    char buf[8];
-    size_t zero = 0, eight = 8;
-    EXPECT_EQ(zel_device_name(buf, &zero), ZEL_INVALIDPARAMETER);
-    EXPECT_EQ(zel_device_name(nullptr, &eight), ZEL_INVALIDPARAMETER);
-    EXPECT_EQ(zel_device_name(buf, nullptr), ZEL_INVALIDPARAMETER);
-}
-
-TEST(OsName, FitsOrIsCutAndRefused) {
-    char buf[6];
-    EXPECT_EQ(zel_os_name(buf, sizeof buf), ZEL_SUCCESS);
-    EXPECT_STREQ(buf, "Linux");
-    EXPECT_EQ(zel_os_name(buf, 5), ZEL_INVALIDPARAMETER);
-    EXPECT_STREQ(buf, "Linu");
-}
 
 }  // namespace
