@@ -2,10 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
-#include <cstring>
 #include <string>
-#include <sys/time.h>
 
 namespace {
 
@@ -44,25 +41,6 @@ TEST(UtimeBefore, OrderAndWrap) {
     EXPECT_TRUE(zel_utime_before(&max, &min) && !zel_utime_before(&min, &max));  // the counter wrapped
     EXPECT_TRUE(zel_utime_before(&u1, &u2) && !zel_utime_before(&u2, &u1));
     EXPECT_FALSE(zel_utime_before(&u1, &u1) || zel_utime_before(nullptr, &u1));
-}
-
-void on_alarm(int) {}
-
-TEST(UtimeSleep, ArgumentsAndASignalCuttingTheSecondsShort) {
-    const zel_utime zero{0, 0}, neg_usec{0, -1}, neg_sec{-1, 0}, long_sleep{30, 0};
-    EXPECT_EQ(zel_utime_sleep(&zero), ZEL_SUCCESS);
-    for (const zel_utime* bad : {&neg_usec, &neg_sec, static_cast<const zel_utime*>(nullptr)})
-        EXPECT_EQ(zel_utime_sleep(bad), ZEL_INVALIDPARAMETER);
-    struct sigaction sa, old;
-    std::memset(&sa, 0, sizeof sa);
-    sa.sa_handler = on_alarm;  // no SA_RESTART: the sleep must end early
-    ASSERT_EQ(sigaction(SIGALRM, &sa, &old), 0);
-    itimerval timer{}, old_timer{};
-    timer.it_value.tv_usec = 50000;
-    ASSERT_EQ(setitimer(ITIMER_REAL, &timer, &old_timer), 0);
-    EXPECT_EQ(zel_utime_sleep(&long_sleep), ZEL_INTERRUPTED);
-    setitimer(ITIMER_REAL, &old_timer, nullptr);
-    sigaction(SIGALRM, &old, nullptr);
 }
 
 }  // namespace
