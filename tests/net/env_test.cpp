@@ -141,21 +141,4 @@ TEST(HeapEnvironment, OwnsOnlyWhatItCreated) {
     zel_log_release(log);
 }
 
-TEST(HeapEnvironment, MarkedOneRefusesReleaseUntilDestroyed) {
-    zel_env* env = nullptr;
-    ASSERT_EQ(zel_env_new_flags(ZEL_ENV_FLAG_OWNS_LOOP, &env), ZEL_SUCCESS);
-    EXPECT_EQ(env->flags, ZEL_ENV_FLAG_HEAP | ZEL_ENV_FLAG_NO_RELEASE | ZEL_ENV_FLAG_OWNS_LOOP);
-    EXPECT_TRUE(env->log == nullptr && env->loop != nullptr);
-    ::testing::internal::CaptureStderr();
-    zel_env_release(env);
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Error: This env cannot be cleaned up using zel_env_release!\n");
-    const zel_utime zero{0, 0};
-    EXPECT_EQ(zel_event_loop__run_once(env->loop, &zero), ZEL_SUCCESS);  // left usable
-    int value = 42;
-    g_destroyed = 0;
-    zel_env_set_context(env, &value, count_destruction);
-    zel_env_destroy(env);
-    EXPECT_EQ(g_destroyed, 1);
-}
-
 }  // namespace
