@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <chrono>
 #include <cstdio>
@@ -110,7 +109,9 @@ protected:
     }
     // How many captured lines equal `text` exactly at `level`.
     int logged(unsigned level, const std::string& text) const {
-        return static_cast<int>(std::count_if(log_.begin(), log_.end(), [&](const LogLine& l) { return l.level == level && l.text == text; }));
+        int n = 0;
+        for (const LogLine& l : log_) n += l.level == level && l.text == text;
+        return n;
     }
 
     zel_env* env_ = nullptr;

@@ -15,7 +15,6 @@ using testutil::realBlock;
 using testutil::tftpData;
 using Script = std::map<uint32_t, std::vector<testutil::TftpDatagram>>;
 
-constexpr uint32_t kConnecting = ZEL_TFTP_CLIENT_REQUEST_STATE_CONNECTING;
 constexpr uint32_t kRecving = ZEL_TFTP_CLIENT_REQUEST_STATE_RECVING;
 constexpr uint32_t kCompleted = ZEL_TFTP_CLIENT_REQUEST_STATE_COMPLETED;
 constexpr uint32_t kError = ZEL_TFTP_CLIENT_REQUEST_STATE_ERROR;
@@ -50,7 +49,6 @@ TEST_P(TftpDownloadSize, ArrivesWholeWithOneAckPerBlockToTheTransferPort) {
     const std::string content = pattern(c.size);
     FakeTftpServer server(serving(content));
     ASSERT_EQ(start(server.port(), "dir/fw.bin"), ZEL_SUCCESS);
-    EXPECT_EQ(zel_tftp_client_request__state(request_), kConnecting);
     ASSERT_TRUE(runUntilDone()) << dumpLog();
     EXPECT_EQ(zel_tftp_client_request__error(request_), ZEL_SUCCESS);
     EXPECT_EQ(zel_tftp_client_request__bytes_transferred(request_), c.size);
@@ -62,7 +60,8 @@ TEST_P(TftpDownloadSize, ArrivesWholeWithOneAckPerBlockToTheTransferPort) {
     ASSERT_TRUE(server.waitFinished());
     const std::vector<testutil::TftpReceived> got = server.received();
     ASSERT_EQ(got.size(), c.size / 512 + 2);
-    EXPECT_TRUE(got[0].kind == testutil::TftpReceived::Rrq && got[0].fileName == "dir/fw.bin" && got[0].mode == "octet");
+    EXPECT_TRUE(got[0].kind == testutil::TftpReceived::Rrq && got[0].fileName == "dir/fw.bin" &&
+                got[0].mode == "octet");
     // The server answered from a new port; every ACK went there, from the
     // socket that sent the read request.
     ASSERT_NE(server.transferPort(), server.port());
@@ -78,31 +77,38 @@ INSTANTIATE_TEST_SUITE_P(Files, TftpDownloadSize,
                                          SizeCase{"Exactly1024", 1024, {kRecving, kRecving, kCompleted}}),
                          [](const testing::TestParamInfo<SizeCase>& info) { return std::string(info.param.name); });
 
-// ---- Faults the client rides out ----
+// ---- Faults the client rides out, and failures ----
 
-struct FaultCase {
+struct ScriptCase {
     const char* name;
-    std::string content;
+    std::string content;  // served
     Script instead;
-    std::string expected;  // what ends up in the file
-    int writes;
+    unsigned before, after;  // simulated failure probability set before / after the start
+    zel_error_t error;
+    std::string expected;  // the file afterwards
     std::vector<uint16_t> acks;
-    LogLine line;  // a line the fault must produce; "{port}" and "{other}" stand for the server's ports
+    int rrqs;      // read requests the server got; -1: not checked (they are retried)
+    LogLine line;  // logged at least once; "{port}" and "{other}" stand for the server's ports
 };
 
-class TftpSurvivedFault : public TftpClientTest, public testing::WithParamInterface<FaultCase> {};
+class TftpScripted : public TftpClientTest, public testing::WithParamInterface<ScriptCase> {};
 
-TEST_P(TftpSurvivedFault, TransferStillCompletes) {
-    const FaultCase& c = GetParam();
+TEST_P(TftpScripted, EndsAsExpected) {
+    const ScriptCase& c = GetParam();
     FakeTftpServer server(serving(c.content, c.instead));
+    zel_tftp_client__set_simulated_failure_probability(client_, c.before);
     ASSERT_EQ(start(server.port()), ZEL_SUCCESS);
+    zel_tftp_client__set_simulated_failure_probability(client_, c.after);
     ASSERT_TRUE(runUntilDone()) << dumpLog();
-    EXPECT_EQ(zel_tftp_client_request__state(request_), kCompleted) << dumpLog();
+    EXPECT_EQ(zel_tftp_client_request__error(request_), c.error) << dumpLog();
+    const uint32_t state = c.error == ZEL_SUCCESS ? kCompleted : kError;
+    EXPECT_EQ(callbackStates_.empty() ? 0u : callbackStates_.back(), state);  // the client is told
     EXPECT_EQ(received(), c.expected);
     EXPECT_EQ(zel_tftp_client_request__bytes_transferred(request_), c.expected.size());
-    EXPECT_EQ(writes_, c.writes);
-    ASSERT_TRUE(server.waitFinished());
+    EXPECT_EQ(request_->socket, -1);
+    EXPECT_TRUE(c.error != ZEL_SUCCESS || server.waitFinished());
     EXPECT_EQ(server.ackBlocks(), c.acks);
+    EXPECT_TRUE(c.rrqs < 0 || server.readRequests().size() == static_cast<size_t>(c.rrqs));
     std::string line = c.line.text;
     for (const auto& [key, port] : {std::pair{"{port}", server.port()}, std::pair{"{other}", server.otherHostPort()}}) {
         const size_t at = line.find(key);
@@ -111,91 +117,44 @@ TEST_P(TftpSurvivedFault, TransferStillCompletes) {
     EXPECT_GE(logged(c.line.level, line), 1) << line << "\n" << dumpLog();
 }
 
-const std::string k600 = pattern(600), k1024 = pattern(1024), k1100 = pattern(1100);
+const std::string k600 = pattern(600), k1100 = pattern(1100);
 
 INSTANTIATE_TEST_SUITE_P(
-    Faults, TftpSurvivedFault,
+    Cases, TftpScripted,
     testing::Values(
         // A repeat is acknowledged again but not written again.
-        FaultCase{"RepeatedBlockIsNotRewritten", k600, {{1, {realBlock(), realBlock()}}}, k600, 2, {1, 1, 2},
-                  {ZEL_LOG_DEBUG, kData + "got a DATA packet, block_id=1 (curr=1) data_length=512\n"}},
+        ScriptCase{"RepeatedBlockIsNotRewritten", k600, {{1, {realBlock(), realBlock()}}}, 0, 0, ZEL_SUCCESS, k600,
+                   {1, 1, 2}, 1, {ZEL_LOG_DEBUG, kData + "got a DATA packet, block_id=1 (curr=1) data_length=512\n"}},
         // Neither ACK 3 nor a repeated ACK 1 answers the early block.
-        FaultCase{"InvalidBlockIsNotAcknowledged", k1100, {{2, {packet(tftpData(3, "zzz")), realBlock()}}}, k1100, 3,
-                  {1, 2, 3}, {ZEL_LOG_ERROR, kData + "ignoring data packet with invalid block 3 (current=1)\n"}},
+        ScriptCase{"InvalidBlockIsNotAcknowledged", k1100, {{2, {packet(tftpData(3, "zzz")), realBlock()}}}, 0, 0,
+                   ZEL_SUCCESS, k1100, {1, 2, 3}, 1,
+                   {ZEL_LOG_ERROR, kData + "ignoring data packet with invalid block 3 (current=1)\n"}},
         // Block 2 lost: the retry timer repeats ACK 1 and the server sends it again.
-        FaultCase{"LostBlockIsFetchedByTheRetriedAck", k1100, {{2, {packet(tftpData(3, "zzz"))}}}, k1100, 3,
-                  {1, 1, 2, 3}, {ZEL_LOG_ERROR, kData + "ignoring data packet with invalid block 3 (current=1)\n"}},
-        FaultCase{"ThreeByteErrorIsIgnored", k600, {{1, {packet({0, 5, 0}), realBlock()}}}, k600, 2, {1, 2},
-                  {ZEL_LOG_ERROR, "zel_tftp_client_request__handle_error_message: ignoring invalid error packet "
-                                  "(only 3 bytes long)\n"}},
-        // 1600 data bytes arrive cut to the 1472-byte buffer: 1468 are written
-        // and the block counts as a full one.
-        FaultCase{"OversizedDatagram", k1024, {{1, {packet(tftpData(1, std::string(1600, 'o')))}}},
-                  std::string(1468, 'o') + k1024.substr(512), 2, {1, 2, 3},
-                  {ZEL_LOG_DEBUG, kData + "got a DATA packet, block_id=1 (curr=0) data_length=1468\n"}},
-        FaultCase{"DatagramFromAnotherHostIsIgnored", "real",
-                  {{1, {testutil::fromOtherHost(tftpData(1, "evil")), realBlock()}}}, "real", 1, {1},
-                  {ZEL_LOG_DEBUG, "zel_tftp_client_request__socket_cb: Ignoring message from unexpected source "
-                                  "(expected '127.0.0.1:{port} (len=16)' but message source was '127.0.0.2:{other} "
-                                  "(len=16)')"}}),
-    [](const testing::TestParamInfo<FaultCase>& info) { return std::string(info.param.name); });
-
-TEST_F(TftpClientTest, TimersRestartWithEachNewBlock) {
-    // Every first transmission is lost, so each block arrives only after the
-    // client's retry (0.2 s). Eight blocks take longer than the abort timeout
-    // (1 s), which the transfer survives only because each block restarts it.
-    const std::string content = pattern(7 * 512 + 10);
-    FakeTftpServer server(serving(content, {{1, {}}, {2, {}}, {3, {}}, {4, {}}, {5, {}}, {6, {}}, {7, {}}, {8, {}}}));
-    const zel_utime abort = {1, 0};
-    const auto t0 = std::chrono::steady_clock::now();
-    ASSERT_EQ(start(server.port(), "f", &kRetry, &abort), ZEL_SUCCESS);
-    ASSERT_TRUE(runUntilDone(20)) << dumpLog();
-    EXPECT_EQ(received(), content) << dumpLog();
-    EXPECT_GT(secondsSince(t0), 1.0);
-}
-
-// ---- Failures ----
-
-struct FailureCase {
-    const char* name;
-    Script instead;
-    unsigned before, after;  // simulated failure probability set before / after the start
-    zel_error_t error;
-    LogLine line;  // logged at least once
-    int heard;     // datagrams the server received; -1: not checked
-};
-
-class TftpFailure : public TftpClientTest, public testing::WithParamInterface<FailureCase> {};
-
-TEST_P(TftpFailure, EndsTheRequestWithTheCode) {
-    const FailureCase& c = GetParam();
-    FakeTftpServer server(serving(k1100, c.instead));
-    zel_tftp_client__set_simulated_failure_probability(client_, c.before);
-    ASSERT_EQ(start(server.port()), ZEL_SUCCESS);
-    zel_tftp_client__set_simulated_failure_probability(client_, c.after);
-    ASSERT_TRUE(runUntilDone()) << dumpLog();
-    EXPECT_EQ(zel_tftp_client_request__error(request_), c.error);
-    EXPECT_EQ(zel_tftp_client_request__bytes_transferred(request_), 0u);
-    EXPECT_EQ(callbackStates_, std::vector<uint32_t>{kError});
-    EXPECT_EQ(request_->socket, -1);
-    EXPECT_GE(logged(c.line.level, c.line.text), 1) << c.line.text << "\n" << dumpLog();
-    EXPECT_TRUE(c.heard < 0 || server.received().size() == static_cast<size_t>(c.heard));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, TftpFailure,
-    testing::Values(
-        // Nothing is sent after a failure: the server hears only the request.
-        FailureCase{"ErrorCodeOneIsNotFound", {{1, {packet(testutil::tftpError(1, "File not found"))}}}, 0, 0,
-                    ZEL_NOTFOUND, {ZEL_LOG_DEBUG, "zel_tftp_client_request__handle_error_message: got an ERROR packet, "
-                                                  "switching to ERROR state\n"}, 1},
+        ScriptCase{"LostBlockIsFetchedByTheRetriedAck", k1100, {{2, {packet(tftpData(3, "zzz"))}}}, 0, 0, ZEL_SUCCESS,
+                   k1100, {1, 1, 2, 3}, 1,
+                   {ZEL_LOG_ERROR, kData + "ignoring data packet with invalid block 3 (current=1)\n"}},
+        ScriptCase{"ThreeByteErrorIsIgnored", k600, {{1, {packet({0, 5, 0}), realBlock()}}}, 0, 0, ZEL_SUCCESS, k600,
+                   {1, 2}, 1,
+                   {ZEL_LOG_ERROR, "zel_tftp_client_request__handle_error_message: ignoring invalid error packet "
+                                   "(only 3 bytes long)\n"}},
+        ScriptCase{"DatagramFromAnotherHostIsIgnored", "real",
+                   {{1, {testutil::fromOtherHost(tftpData(1, "evil")), realBlock()}}}, 0, 0, ZEL_SUCCESS, "real", {1},
+                   1,
+                   {ZEL_LOG_DEBUG, "zel_tftp_client_request__socket_cb: Ignoring message from unexpected source "
+                                   "(expected '127.0.0.1:{port} (len=16)' but message source was '127.0.0.2:{other} "
+                                   "(len=16)')"}},
+        // Nothing is sent after a failure: no ACK, no second read request.
+        ScriptCase{"ErrorCodeOneIsNotFound", k600, {{1, {packet(testutil::tftpError(1, "File not found"))}}}, 0, 0,
+                   ZEL_NOTFOUND, "", {}, 1,
+                   {ZEL_LOG_DEBUG, "zel_tftp_client_request__handle_error_message: got an ERROR packet, switching to "
+                                   "ERROR state\n"}},
         // 150 is stored as 100: every send is dropped.
-        FailureCase{"Probability150DropsEverySend", {}, 150, 150, ZEL_TIMEDOUT,
-                    {ZEL_LOG_DEBUG, "zel_tftp_client__set_simulated_failure_probability: simulated failure probability "
-                                    "is now 100\n"}, 0},
-        FailureCase{"Probability100DropsEveryReceive", {}, 0, 100, ZEL_TIMEDOUT,
-                    {ZEL_LOG_DEBUG, "zel_tftp_client_request__recv_message: simulated recv failure\n"}, -1}),
-    [](const testing::TestParamInfo<FailureCase>& info) { return std::string(info.param.name); });
+        ScriptCase{"Probability150DropsEverySend", k600, {}, 150, 150, ZEL_TIMEDOUT, "", {}, 0,
+                   {ZEL_LOG_DEBUG, "zel_tftp_client__set_simulated_failure_probability: simulated failure "
+                                   "probability is now 100\n"}},
+        ScriptCase{"Probability100DropsEveryReceive", k600, {}, 0, 100, ZEL_TIMEDOUT, "", {}, -1,
+                   {ZEL_LOG_DEBUG, "zel_tftp_client_request__recv_message: simulated recv failure\n"}}),
+    [](const testing::TestParamInfo<ScriptCase>& info) { return std::string(info.param.name); });
 
 TEST_F(TftpClientTest, SilentServerWithDefaultTimeouts) {
     // Read request at 0, 2 and 4 s, TIMEDOUT at 5 s. Lower bounds are exact
@@ -219,42 +178,30 @@ TEST_F(TftpClientTest, SilentServerWithDefaultTimeouts) {
 
 // ---- Starting a request ----
 
-TEST_F(TftpClientTest, FileNameLimit) {
-    FakeTftpServer server(serving("x"));
-    EXPECT_EQ(start(server.port(), std::string(3000, 'n')), ZEL_INVALIDDATA) << "cut to 1463, then refused";
-    EXPECT_EQ(start(server.port(), std::string(1463, 'n')), ZEL_INVALIDDATA);
-    EXPECT_EQ(request_, nullptr) << "out is untouched on failure";
-    EXPECT_TRUE(client_->request.state == ZEL_TFTP_CLIENT_REQUEST_STATE_NONE && client_->request.socket == -1 &&
-                client_->request.retry_timer == nullptr);
-    EXPECT_EQ(logged(ZEL_LOG_ERROR, "zel_tftp_client__recv_file: error initialising read request message: invalid "
-                                    "data: (0x0004=INVALIDDATA)\n"), 2);
-    ASSERT_EQ(start(server.port(), std::string(1462, 'n')), ZEL_SUCCESS);
-    ASSERT_TRUE(runUntilDone()) << dumpLog();
-    EXPECT_EQ(zel_tftp_client_request__state(request_), kCompleted);
-    ASSERT_EQ(server.readRequests().size(), 1u);
-    EXPECT_EQ(server.readRequests()[0].bytes.size(), 1471u);
-}
-
 TEST_F(TftpClientTest, RejectedArgumentsAndPortZero) {
     const zel_sockaddr good = address("127.0.0.1", 6969), any = address("0.0.0.0", 6969), none{};
     const zel_utime zero = {0, 0};  // a retry timeout that is not positive makes no periodic timer
+    const std::string long_names[] = {std::string(3000, 'n'), std::string(1463, 'n')};
     auto recv = [&](zel_tftp_client* client, const zel_sockaddr* server, const char* name, zel_tftp_write_fn write,
                     const zel_utime* retry) {
-        const zel_error_t rc = zel_tftp_client__recv_file(client, server, name, file_, write, retry, nullptr, &request_);
+        const zel_error_t rc =
+            zel_tftp_client__recv_file(client, server, name, file_, write, retry, nullptr, &request_);
         EXPECT_TRUE(request_ == nullptr && client_->request.state == ZEL_TFTP_CLIENT_REQUEST_STATE_NONE &&
-                    client_->request.socket == -1);
+                    client_->request.socket == -1 && client_->request.retry_timer == nullptr);
         return rc;
     };
-    EXPECT_EQ(recv(nullptr, &good, "f", std::fwrite, nullptr), ZEL_INVALIDPARAMETER);
-    EXPECT_EQ(recv(client_, nullptr, "f", std::fwrite, nullptr), ZEL_INVALIDPARAMETER);
     EXPECT_EQ(recv(client_, &good, nullptr, std::fwrite, nullptr), ZEL_INVALIDPARAMETER);
-    EXPECT_EQ(recv(client_, &good, "f", nullptr, nullptr), ZEL_INVALIDPARAMETER);
     EXPECT_EQ(recv(client_, &good, "f", std::fwrite, &zero), ZEL_INVALIDPARAMETER);
     EXPECT_EQ(recv(client_, &good, "", std::fwrite, nullptr), ZEL_INVALIDDATA);
     EXPECT_EQ(recv(client_, &any, "f", std::fwrite, nullptr), ZEL_INVALIDDATA);
     EXPECT_EQ(recv(client_, &none, "f", std::fwrite, nullptr), ZEL_INVALIDDATA);
-    EXPECT_EQ(zel_tftp_client__recv_file(client_, &good, "f", file_, std::fwrite, nullptr, nullptr, nullptr),
-              ZEL_INVALIDPARAMETER);
+    // A longer name is cut to 1463 bytes, and those are one too many for a read request.
+    for (const std::string& name : long_names) {
+        EXPECT_EQ(recv(client_, &good, name.c_str(), std::fwrite, nullptr), ZEL_INVALIDDATA);
+    }
+    EXPECT_EQ(logged(ZEL_LOG_ERROR, "zel_tftp_client__recv_file: error initialising read request message: invalid "
+                                    "data: (0x0004=INVALIDDATA)\n"),
+              2);
     ASSERT_EQ(start(0), ZEL_SUCCESS);
     EXPECT_EQ(zel_sockaddr__port(&request_->server), 69);
     EXPECT_EQ(zel_sockaddr__port(&request_->outgoing.address), 69);
@@ -262,10 +209,10 @@ TEST_F(TftpClientTest, RejectedArgumentsAndPortZero) {
 
 TEST_F(TftpClientTest, OneRequestAtATimeAndResetAllowsTheNext) {
     FakeTftpServer server(serving("first"));
-    ASSERT_EQ(start(server.port()), ZEL_SUCCESS);
+    ASSERT_EQ(start(server.port(), std::string(1462, 'n')), ZEL_SUCCESS);  // the longest name
     zel_tftp_client_request* const first = request_;
     EXPECT_EQ(start(server.port()), ZEL_INVALIDSTATE);
-    EXPECT_EQ(zel_tftp_client_request__state(first), kConnecting);
+    EXPECT_EQ(zel_tftp_client_request__state(first), ZEL_TFTP_CLIENT_REQUEST_STATE_CONNECTING);
     ASSERT_TRUE(runUntilDone()) << dumpLog();
     EXPECT_EQ(start(server.port()), ZEL_INVALIDSTATE) << "COMPLETED too, until reset";
     zel_tftp_client_request__reset(first);
@@ -275,6 +222,10 @@ TEST_F(TftpClientTest, OneRequestAtATimeAndResetAllowsTheNext) {
     ASSERT_EQ(start(server.port(), "again"), ZEL_SUCCESS);
     ASSERT_TRUE(runUntilDone()) << dumpLog();
     EXPECT_EQ(zel_tftp_client_request__bytes_transferred(first), 5u);
+    const std::vector<testutil::TftpReceived> rrqs = server.readRequests();
+    ASSERT_EQ(rrqs.size(), 2u);
+    EXPECT_EQ(rrqs[0].bytes.size(), 1471u);
+    EXPECT_EQ(rrqs[1].fileName, "again");
 }
 
 TEST_F(TftpClientTest, LogLinesOfAOneBlockTransfer) {

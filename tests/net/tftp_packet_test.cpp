@@ -75,32 +75,4 @@ INSTANTIATE_TEST_SUITE_P(
         CodecCase{"HighByteOpcode", {1, 3, 0, 1}, ZEL_TFTP_PACKET_UNKNOWN, 259, 0, 0, nullptr}),
     [](const testing::TestParamInfo<CodecCase>& info) { return std::string(info.param.name); });
 
-TEST(TftpErrorCodes, MapToErrorCodes) {
-    const zel_error_t expected[] = {ZEL_SYSTEM,       ZEL_NOTFOUND,    ZEL_ACCES,   ZEL_NOBUFS,
-                                    ZEL_NOTSUPPORTED, ZEL_INVALIDDATA, ZEL_ALREADY, ZEL_POLICY};
-    for (uint16_t code = 0; code < 8; ++code) EXPECT_EQ(zel_tftp_error_from_code(code), expected[code]) << code;
-    EXPECT_EQ(zel_tftp_error_from_code(8), ZEL_SYSTEM);
-    EXPECT_EQ(zel_tftp_error_from_code(65535), ZEL_SYSTEM);
-}
-
-TEST(TftpRules, BlockNumbersNeverRollOverAndWhatFollowsAnAck) {
-    const struct {
-        uint16_t current, received;
-        unsigned expected;
-    } blocks[] = {{0, 1, ZEL_TFTP_BLOCK_NEW},          {0, 0, ZEL_TFTP_BLOCK_REPEAT},         {1, 3, ZEL_TFTP_BLOCK_INVALID},
-                  {2, 1, ZEL_TFTP_BLOCK_INVALID},      {65534, 65535, ZEL_TFTP_BLOCK_NEW},   {65535, 0, ZEL_TFTP_BLOCK_INVALID},
-                  {65535, 65535, ZEL_TFTP_BLOCK_REPEAT}};
-    for (const auto& b : blocks) EXPECT_EQ(zel_tftp_classify_block(b.current, b.received), b.expected) << b.current << " " << b.received;
-    const uint32_t connecting = ZEL_TFTP_CLIENT_REQUEST_STATE_CONNECTING, recving = ZEL_TFTP_CLIENT_REQUEST_STATE_RECVING;
-    const struct {
-        uint32_t state, length;
-        bool wrote;
-        unsigned expected;
-    } acks[] = {{connecting, 0, false, ZEL_TFTP_AFTER_ACK_COMPLETE}, {recving, 511, true, ZEL_TFTP_AFTER_ACK_COMPLETE},
-                {connecting, 512, true, ZEL_TFTP_AFTER_ACK_RECEIVE}, {connecting, 512, false, ZEL_TFTP_AFTER_ACK_RECEIVE},
-                {recving, 512, true, ZEL_TFTP_AFTER_ACK_PROGRESS},   {recving, 1468, true, ZEL_TFTP_AFTER_ACK_PROGRESS},
-                {recving, 512, false, ZEL_TFTP_AFTER_ACK_NOTHING}};
-    for (const auto& a : acks) EXPECT_EQ(zel_tftp_after_ack(a.state, a.length, a.wrote), a.expected) << a.state << " " << a.length;
-}
-
 }  // namespace

@@ -44,11 +44,13 @@ TEST_P(TftpAgainstTftpd, FileArrivesByteForByte) {
 // Block numbers do not roll over in the client: 65535 blocks are the most it
 // accepts, so the largest file is 65534 full blocks and a short one.
 INSTANTIATE_TEST_SUITE_P(Sizes, TftpAgainstTftpd,
-                         testing::Values(RealCase{"Empty", 0, ZEL_SUCCESS, 0}, RealCase{"Bytes100", 100, ZEL_SUCCESS, 100},
+                         testing::Values(RealCase{"Empty", 0, ZEL_SUCCESS, 0},
+                                         RealCase{"Bytes100", 100, ZEL_SUCCESS, 100},
                                          RealCase{"Bytes512", 512, ZEL_SUCCESS, 512},
                                          RealCase{"Bytes1024", 1024, ZEL_SUCCESS, 1024},
                                          RealCase{"OneMillion", 1000000, ZEL_SUCCESS, 1000000},
-                                         RealCase{"LargestThatFits", 65534L * 512 + 511, ZEL_SUCCESS, 65534u * 512 + 511},
+                                         RealCase{"LargestThatFits", 65534L * 512 + 511, ZEL_SUCCESS,
+                                                  65534u * 512 + 511},
                                          RealCase{"OneBlockTooMany", 65535L * 512, ZEL_TIMEDOUT, 65535u * 512},
                                          RealCase{"MissingFileIsNotFound", -1, ZEL_NOTFOUND, 0}),
                          [](const testing::TestParamInfo<RealCase>& info) { return std::string(info.param.name); });
