@@ -8,10 +8,10 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <chrono>
 #include <cstdio>
 #include <string>
+#include <sys/socket.h>
 #include <vector>
 
 namespace tftptest {
@@ -31,10 +31,8 @@ inline double secondsSince(std::chrono::steady_clock::time_point t0,
 }
 
 inline zel_sockaddr address(const char* host, uint16_t port) {
-    zel_sockaddr a;
-    uint32_t ip = 0;
-    inet_pton(AF_INET, host, &ip);
-    zel_sockaddr__set_ipv4(&a, ip, port);
+    zel_sockaddr a{};
+    EXPECT_EQ(zel_sockaddr__set_ipv4_text(&a, AF_INET, host, port), ZEL_SUCCESS);
     return a;
 }
 
