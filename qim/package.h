@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "qim/file_identity.h"
 #include "qim/qim_id.h"
 #include "support/errors.h"
 
@@ -43,6 +44,10 @@ struct qim_package {
     qim_header* header;  // null until a load (or the builder) gives it one
     qim_part* parts;     // in part-table order
     qim_model* models;   // in model-table order
+    // The file a successful load validated, as its checksum pass saw it; see
+    // qim_package_get_file_identity. False for every other package.
+    bool has_file_identity;
+    qim_file_identity file_identity;
 };
 
 // The device code of the board this build runs on.
@@ -65,6 +70,16 @@ void qim_package_free(qim_package* pkg);
 // A failed load may leave a header (and parts) attached: such a package can
 // only be freed.
 zel_error_t qim_package_load(qim_package* pkg, const char* path);
+
+// The identity of the file that qim_package_load validated: taken when the
+// checksum pass had read the file to its end, and kept only when it equals the
+// identity of the file the header was read from, taken before that read, so
+// the file did not change while it was being validated. Whoever reads part
+// data by name later compares the file it opens with it. 0 and *out set;
+// 3 for null arguments; 11 (NOTFOUND) when there is none: the package was not
+// loaded from a file, the load failed, or the file changed (or could not be
+// fstat'ed) during the load. *out is untouched on failure.
+zel_error_t qim_package_get_file_identity(const qim_package* pkg, qim_file_identity* out);
 
 // The header-and-tables step of qim_package_load over the first `length`
 // bytes of a file in `buf`. `path` (may be null) names the file for the

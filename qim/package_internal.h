@@ -39,11 +39,25 @@ void append_model(qim_package* pkg, qim_model* model);
 // print one "error: ..." line on stderr.
 zel_error_t copy_part_data(const qim_part* part, FILE* out, uint32_t* crc, uint32_t* sum);
 
+// What a checksum pass saw of the file it read: its identity, taken after the
+// last byte was read (`known` false when there was no file or fstat failed).
+struct SeenFile {
+    bool known = false;
+    qim_file_identity identity{};
+};
+
 // The whole-file CRC test of a loaded version-3 header: the first 64 bytes
 // from `buf` (its checksum field is zeroed here), the rest read again from
 // `path` from byte 64 on. 0; 4 with the bad-checksum message; 6 with
 // "error: cannot reopen ..." or "error: cannot read ..." when the file
-// cannot be opened or read a second time.
-zel_error_t check_version3_file_crc(const qim_package* pkg, uint8_t* buf, const char* path);
+// cannot be opened or read a second time. `seen` (may be null) receives the
+// file's identity once it was read to the end.
+zel_error_t check_version3_file_crc(const qim_package* pkg, uint8_t* buf, const char* path,
+                                    SeenFile* seen = nullptr);
+
+// qim_package_parse_header, with `seen` (may be null) receiving the identity
+// of the file the version-2 byte sum read.
+zel_error_t parse_header(qim_package* pkg, const uint8_t* buf, std::size_t length, const char* path,
+                         SeenFile* seen);
 
 }  // namespace qim_internal

@@ -20,9 +20,16 @@ void print_bad_checksum(uint32_t computed, uint32_t expected) {
     std::fprintf(stderr, "error: bad checksum: calculated %x, expected %x\n", computed, expected);
 }
 
+// Fills `seen` (when given) with the identity of the stream's file.
+void record_seen(FILE* f, qim_internal::SeenFile* seen) {
+    if (seen != nullptr) {
+        seen->known = qim_file_identity_of(fileno(f), &seen->identity) == ZEL_SUCCESS;
+    }
+}
+
 // The folded byte sum of the whole file less the stored checksum field, or
 // the "unreadable" value when there is no file to read.
-uint32_t version2_file_sum(const char* path, const uint8_t* header) {
+uint32_t version2_file_sum(const char* path, const uint8_t* header, qim_internal::SeenFile* seen) {
     if (path == nullptr) {
         return fmt::v2::kUnreadableSum;
     }
@@ -39,6 +46,7 @@ uint32_t version2_file_sum(const char* path, const uint8_t* header) {
     if (std::ferror(f.get())) {
         return fmt::v2::kUnreadableSum;
     }
+    record_seen(f.get(), seen);
     sum -= qim_byte_sum_update(0, header + fmt::v2::kOffChecksum, 4);
     return qim_byte_sum_fold(sum);
 }
@@ -66,7 +74,7 @@ uint32_t low_bits_mask(uint32_t count) {
 }
 
 zel_error_t parse_version2(qim_package* pkg, const uint8_t* buf, std::size_t length,
-                           const char* path) {
+                           const char* path, qim_internal::SeenFile* seen) {
     qim_header* h = pkg->header;
     h->device_code = qim_get_be32(buf + fmt::v2::kOffDeviceCode);
     h->product_version = qim_get_be32(buf + fmt::v2::kOffProductVersion);
@@ -74,7 +82,7 @@ zel_error_t parse_version2(qim_package* pkg, const uint8_t* buf, std::size_t len
     h->mfgc_id = QIM_MFGC_ID_ANY;
     h->header_checksum = 0;
 
-    uint32_t computed = version2_file_sum(path, buf);
+    uint32_t computed = version2_file_sum(path, buf, seen);
     if (computed != h->checksum) {
         print_bad_checksum(computed, h->checksum);
         return ZEL_INVALIDDATA;
@@ -171,7 +179,8 @@ zel_error_t parse_version3(qim_package* pkg, const uint8_t* buf, std::size_t len
 
 namespace qim_internal {
 
-zel_error_t check_version3_file_crc(const qim_package* pkg, uint8_t* buf, const char* path) {
+zel_error_t check_version3_file_crc(const qim_package* pkg, uint8_t* buf, const char* path,
+                                    SeenFile* seen) {
     std::memset(buf + fmt::v3::kOffChecksum, 0, 4);
     uint32_t crc = crc32_update(CRC32_INIT, buf, fmt::v3::kHeaderSize);
 
@@ -190,6 +199,7 @@ zel_error_t check_version3_file_crc(const qim_package* pkg, uint8_t* buf, const 
         std::fprintf(stderr, "error: cannot read %s: %s\n", path, std::strerror(errno));
         return ZEL_NOMEMORY;
     }
+    record_seen(f.get(), seen);
     crc = ~crc;
     if (crc != pkg->header->checksum) {
         print_bad_checksum(crc, pkg->header->checksum);
@@ -226,8 +236,8 @@ void qim_package_free(qim_package* pkg) {
     delete pkg;
 }
 
-zel_error_t qim_package_parse_header(qim_package* pkg, const uint8_t* buf, std::size_t length,
-                                     const char* path) {
+zel_error_t qim_internal::parse_header(qim_package* pkg, const uint8_t* buf, std::size_t length,
+                                       const char* path, qim_internal::SeenFile* seen) {
     if (pkg == nullptr || buf == nullptr) return ZEL_INVALIDPARAMETER;
     if (length < fmt::kMinFileSize) {
         return ZEL_INVALIDDATA;
@@ -249,7 +259,7 @@ zel_error_t qim_package_parse_header(qim_package* pkg, const uint8_t* buf, std::
 
     switch (pkg->header->version_major) {
         case 2:
-            return parse_version2(pkg, buf, length, path);
+            return parse_version2(pkg, buf, length, path, seen);
         case 3:
             return parse_version3(pkg, buf, length, path);
         default:
@@ -260,23 +270,37 @@ zel_error_t qim_package_parse_header(qim_package* pkg, const uint8_t* buf, std::
     }
 }
 
+zel_error_t qim_package_parse_header(qim_package* pkg, const uint8_t* buf, std::size_t length,
+                                     const char* path) {
+    return qim_internal::parse_header(pkg, buf, length, path, nullptr);
+}
+
 zel_error_t qim_package_load(qim_package* pkg, const char* path) {
     if (pkg == nullptr || path == nullptr) return ZEL_INVALIDPARAMETER;
     std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[fmt::kReadLimit]);
     if (!buf) return ZEL_NOMEMORY;
 
+    // The file is opened twice, for the header and for the checksum pass.
+    // Its identity before the header read and after the checksum pass must
+    // agree, or what was validated is not one state of one file: then the
+    // package keeps no identity, and readers that compare against it refuse.
     std::size_t length;
+    qim_internal::SeenFile opened;
     {
         UniqueFile f(std::fopen(path, "rb"));
         if (!f) return ZEL_NOMEMORY;
+        record_seen(f.get(), &opened);
         length = std::fread(buf.get(), 1, fmt::kReadLimit, f.get());
     }
-    zel_error_t rc = qim_package_parse_header(pkg, buf.get(), length, path);
-    if (rc != ZEL_SUCCESS) {
-        return rc;
+    qim_internal::SeenFile summed;
+    zel_error_t rc = qim_internal::parse_header(pkg, buf.get(), length, path, &summed);
+    if (rc == ZEL_SUCCESS && pkg->header->version_major == 3) {
+        rc = qim_internal::check_version3_file_crc(pkg, buf.get(), path, &summed);
     }
-    if (pkg->header->version_major == 3) {
-        return qim_internal::check_version3_file_crc(pkg, buf.get(), path);
+    if (rc == ZEL_SUCCESS && opened.known && summed.known &&
+        qim_file_identity_equal(&opened.identity, &summed.identity)) {
+        pkg->has_file_identity = true;
+        pkg->file_identity = summed.identity;
     }
-    return ZEL_SUCCESS;
+    return rc;
 }
