@@ -4,16 +4,20 @@
 // device's model into the partition of its kind, in part-table order.
 #include "app/flash_upgrader.h"
 
-#include <cstdio>
+#include <cerrno>
 #include <iostream>
 #include <memory>
 #include <new>
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/types.h>
+#include <unistd.h>
 
+#include "app/mtd_device.h"
 #include "app/status_file.h"
+#include "qim/file_identity.h"
 #include "qim/package.h"
 #include "qim/report.h"
 
@@ -24,33 +28,69 @@ struct PackageFree {
 };
 using UniquePackage = std::unique_ptr<qim_package, PackageFree>;
 
-struct FileCloser {
-    void operator()(FILE* f) const { std::fclose(f); }
-};
-using UniqueFile = std::unique_ptr<FILE, FileCloser>;
-
 // Result of writeQimToFlash when a part's bytes cannot be read: the part
-// table promises data that the file does not hold (or the file is gone), so
-// the package is treated as damaged.
+// table promises data that the file does not hold, or the file is gone or no
+// longer the one that was validated, so the package is treated as damaged.
 constexpr int kPartReadFailed = static_cast<int>(ZEL_INVALIDDATA);
 
 enum class ReadResult { kOk, kFailed, kNoMemory };
 
+// Whether the file open on `fd` is, unchanged, the one the load validated.
+bool isValidatedFile(int fd, const qim_file_identity& validated) {
+    qim_file_identity now;
+    return qim_file_identity_of(fd, &now) == ZEL_SUCCESS && qim_file_identity_equal(&now, &validated);
+}
+
+// Reads `size` bytes from `position` on, however the kernel splits them.
+bool readFully(int fd, uint64_t position, uint8_t* data, uint32_t size) {
+    constexpr uint32_t kMaxRequest = 1u << 30;  // within ssize_t on the 32-bit target
+    uint32_t done = 0;
+    while (done < size) {
+        const uint32_t want = size - done < kMaxRequest ? size - done : kMaxRequest;
+        const ssize_t got = ::pread(fd, data + done, want, static_cast<off_t>(position + done));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            return false;
+        }
+        done += static_cast<uint32_t>(got);
+    }
+    return true;
+}
+
 // Reads the `size` bytes at `position` of the package file into a zero-filled
-// buffer of exactly that size. The file's length is checked first, so a
-// damaged part table can never make us allocate more than the file holds.
-ReadResult readPartData(const char* path, uint64_t position, uint32_t size,
-                        std::vector<uint8_t>* data) {
-    if (path == nullptr) {
+// buffer of exactly that size.
+//
+// The file is opened again by name for every part, long after the load
+// validated it, and the name is not ours alone: every download rewrites
+// "/tmp/flashit", and a local package belongs to whoever can write it. Only
+// bytes the checksum pass accepted may reach flash, so the file opened here
+// must be the file the load validated, unchanged: its identity (device,
+// inode, size, modification and status-change times,
+// qim_package_get_file_identity) is compared right after the open and again
+// after the read, which also catches a change while the part is read. A
+// package without that identity (validated file changed during the load)
+// has no part read at all. A file that was replaced by an identical copy or
+// touched is refused too: telling that apart would mean checksumming again.
+//
+// The open neither follows a symbolic link nor waits: a link or FIFO put in
+// the file's place cannot make us open a device (opening some has effects)
+// or block before the comparison refuses it. A package named through a link
+// is therefore refused at its first part, although the reader followed it.
+//
+// The file's length is checked first, so a damaged part table can never make
+// us allocate more than the file holds.
+ReadResult readPartData(const char* path, const qim_file_identity* validated, uint64_t position,
+                        uint32_t size, std::vector<uint8_t>* data) {
+    if (path == nullptr || validated == nullptr) {
         return ReadResult::kFailed;
     }
-    UniqueFile file(std::fopen(path, "rb"));
-    if (!file || fseeko(file.get(), 0, SEEK_END) != 0) {
+    UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (!fd.valid() || !isValidatedFile(fd.get(), *validated)) {
         return ReadResult::kFailed;
     }
-    const off_t length = ftello(file.get());
-    if (length < 0 || position > static_cast<uint64_t>(length) ||
-        size > static_cast<uint64_t>(length) - position) {
+    if (position > validated->size || size > validated->size - position) {
         return ReadResult::kFailed;
     }
     try {
@@ -58,10 +98,7 @@ ReadResult readPartData(const char* path, uint64_t position, uint32_t size,
     } catch (const std::bad_alloc&) {
         return ReadResult::kNoMemory;
     }
-    if (fseeko(file.get(), static_cast<off_t>(position), SEEK_SET) != 0) {
-        return ReadResult::kFailed;
-    }
-    if (size != 0 && std::fread(data->data(), 1, size, file.get()) != size) {
+    if (!readFully(fd.get(), position, data->data(), size) || !isValidatedFile(fd.get(), *validated)) {
         return ReadResult::kFailed;
     }
     return ReadResult::kOk;
@@ -120,6 +157,10 @@ int FlashUpgrader::writeQimToFlash(qim_package* package) {
         return ZEL_VERSION;
     }
 
+    // What the load validated; without it no part can be read (readPartData).
+    qim_file_identity validated{};
+    const bool haveValidated = qim_package_get_file_identity(package, &validated) == ZEL_SUCCESS;
+
     bool written = false;
     const int parts = qim_package_get_num_parts(package);
     for (int seq = 0; seq < parts; ++seq) {
@@ -146,7 +187,8 @@ int FlashUpgrader::writeQimToFlash(qim_package* package) {
         }
 
         std::vector<uint8_t> data;
-        const ReadResult read = readPartData(file, position, size, &data);
+        const ReadResult read =
+            readPartData(file, haveValidated ? &validated : nullptr, position, size, &data);
         if (read != ReadResult::kOk) {
             std::cerr << "writeQimToFlashError reading from file" << std::endl;
             return read == ReadResult::kNoMemory ? static_cast<int>(ZEL_NOMEMORY) : kPartReadFailed;
