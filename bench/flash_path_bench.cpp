@@ -2,6 +2,7 @@
 // progress, status file) against plain dd of the same bytes into the
 // partition's backing file, with the bare erase-and-write sequence on the same
 // simulator in between; and the upgrade's peak memory against the image size.
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -52,25 +53,32 @@ void flashPathBenchmarks(const Config& config, Table& table) {
     if (!runChild(brivlo, brivloOptions).exitedWith(0)) throw std::runtime_error("raw upgrade failed");
 
     Runs b, f, d;
-    for (int i = 0; i < config.runs; ++i) {
-        const ChildRun rb = runChild(brivlo, brivloOptions);
+    const auto runBrivlo = [&] {
+        const ChildRun run = runChild(brivlo, brivloOptions);
         const std::vector<uint8_t> text = readBytes(brivloOptions.stdoutPath);
         const std::string shown(text.begin(), text.end());
-        if (!rb.exitedWith(0) || shown.find("Flash write complete.") == std::string::npos ||
+        if (!run.exitedWith(0) || shown.find("Flash write complete.") == std::string::npos ||
             !sameContent(backing, image)) {
             throw std::runtime_error("raw upgrade failed: " + commandText(brivlo) + " (see " +
                                      brivloOptions.stderrPath + ")");
         }
-        b.wall.push_back(rb.wallSeconds);
-        b.rss.push_back(static_cast<double>(rb.maxRssKiB));
-
-        const ChildRun rf = runChild(floor);
-        if (!rf.exitedWith(0) || !sameContent(backing, image)) throw std::runtime_error("bench_mtd_floor failed");
-        f.wall.push_back(rf.wallSeconds);
-
-        const ChildRun rd = runChild(dd);
-        if (!rd.exitedWith(0) || !sameContent(backing, image)) throw std::runtime_error("dd failed");
-        d.wall.push_back(rd.wallSeconds);
+        b.wall.push_back(run.wallSeconds);
+        b.rss.push_back(static_cast<double>(run.maxRssKiB));
+    };
+    const auto runFloor = [&] {
+        const ChildRun run = runChild(floor);
+        if (!run.exitedWith(0) || !sameContent(backing, image)) throw std::runtime_error("bench_mtd_floor failed");
+        f.wall.push_back(run.wallSeconds);
+    };
+    const auto runDd = [&] {
+        const ChildRun run = runChild(dd);
+        if (!run.exitedWith(0) || !sameContent(backing, image)) throw std::runtime_error("dd failed");
+        d.wall.push_back(run.wallSeconds);
+    };
+    const std::function<void()> order[] = {runBrivlo, runFloor, runDd};
+    // Rounds with a rotating order, so that none always follows another.
+    for (int i = 0; i < config.runs; ++i) {
+        for (int k = 0; k < 3; ++k) order[(k + i) % 3]();
     }
 
     const double bw = median(b.wall), fw = median(f.wall), dw = median(d.wall);

@@ -15,7 +15,8 @@ namespace bench {
 namespace {
 
 struct Pair {
-    std::vector<double> subject, reference;
+    std::vector<double> subject, reference;        // wall
+    std::vector<double> subjectCpu, referenceCpu;  // user+sys
 };
 
 // Alternates the two commands `runs` times; checks each exit status.
@@ -23,14 +24,20 @@ Pair alternate(int runs, const std::vector<std::string>& subject, int subjectSta
                const std::vector<std::string>& reference) {
     Pair p;
     for (int i = 0; i < runs; ++i) {
-        const ChildRun s = runChild(subject);
+        // Every other round the reference goes first, so neither always
+        // starts right after the other.
+        ChildRun s, r;
+        if (i % 2 == 1) r = runChild(reference);
+        s = runChild(subject);
+        if (i % 2 == 0) r = runChild(reference);
         if (subjectStatus >= 0 && !s.exitedWith(subjectStatus)) {
             throw std::runtime_error("unexpected exit status: " + commandText(subject));
         }
-        const ChildRun r = runChild(reference);
         if (!r.exitedWith(0)) throw std::runtime_error("failed: " + commandText(reference));
         p.subject.push_back(s.wallSeconds);
         p.reference.push_back(r.wallSeconds);
+        p.subjectCpu.push_back(s.cpuSeconds());
+        p.referenceCpu.push_back(r.cpuSeconds());
     }
     return p;
 }
@@ -47,6 +54,10 @@ void statusQueryBenchmarks(const Config& config, Table& table) {
     const double s = median(plain.subject), r = median(plain.reference);
     table.add({"status query latency", "brivlo -S", ms(s), "/bin/true", ms(r), s / r, "ratio <= 2.00",
                verdictOf(s <= 2.0 * r)});
+    // CPU time depends less on the machine's load than the wall time does.
+    const double sc = median(plain.subjectCpu), rc = median(plain.referenceCpu);
+    table.add({"status query, CPU user+sys", "brivlo -S", ms(sc), "/bin/true", ms(rc), sc / rc, "",
+               Verdict::kReported});
 
     // On a board whose status file shows a package half written: the file is
     // read and parsed, and both programs start under the simulator.
