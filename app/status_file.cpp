@@ -3,10 +3,10 @@
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <sstream>
 
 #include "app/flash_upgrader.h"
+#include "app/tmp_file.h"
 
 namespace status_file {
 
@@ -21,15 +21,40 @@ std::string valueText(const std::string& line) {
     return line.substr(line.find('=') + 1);
 }
 
+// Created readable by all: the supervisor that polls with -S need not be root.
+constexpr mode_t kFileMode = 0644;
+
+// A symbolic link planted at the status file's name is not read either: it
+// counts as a missing file, so -S answers 0 and the writers count from 0,
+// rather than reporting the content of whatever file the link names.
 bool readWholeFile(const char* path, std::string* content) {
-    std::ifstream in(path, std::ios::binary);
+    tmp_file::UniqueFile in = tmp_file::open(path, tmp_file::Access::kRead);
     if (!in) {
         return false;
     }
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
-    *content = buffer.str();
+    std::string text;
+    char chunk[512];
+    std::size_t got;
+    while ((got = std::fread(chunk, 1, sizeof chunk, in.get())) > 0) {
+        text.append(chunk, got);
+    }
+    if (std::ferror(in.get())) {
+        return false;
+    }
+    *content = text;
     return true;
+}
+
+// Writes `text` into a fresh (`access` kTruncate) or extended (kAppend) file;
+// false when it could not be opened or written completely.
+bool writeFile(const char* path, tmp_file::Access access, const std::string& text) {
+    tmp_file::UniqueFile out = tmp_file::open(path, access, kFileMode);
+    if (!out) {
+        return false;
+    }
+    const bool written = std::fwrite(text.data(), 1, text.size(), out.get()) == text.size();
+    // Closed here so that a failed flush of the buffered text counts too.
+    return std::fclose(out.release()) == 0 && written;
 }
 
 }  // namespace
@@ -132,38 +157,44 @@ int readStartCount(const char* path) {
     return lastCurrent(content);
 }
 
+// The writers ignore every failure (progress reporting never stops an
+// upgrade); a link planted at either name makes the open fail, so the link's
+// target is never written.
 void writeDownloadPhase(const char* path) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << "status=" << kPhaseDownload;
+    writeFile(path, tmp_file::Access::kTruncate, "status=" + std::to_string(kPhaseDownload));
 }
 
 void writePackagePhase(const char* path, int total) {
-    {
-        std::ofstream out(path, std::ios::binary | std::ios::trunc);
-        out << "status=" << kPhasePackage;
-    }
+    writeFile(path, tmp_file::Access::kTruncate, "status=" + std::to_string(kPhasePackage));
     if (total != 0) {
-        std::ofstream out(path, std::ios::binary | std::ios::app);
-        out << "\ntotal=" << total << "\ncurrent=" << 0;
+        writeFile(path, tmp_file::Access::kAppend,
+                  "\ntotal=" + std::to_string(total) + "\ncurrent=" + std::to_string(0));
     }
 }
 
 void replaceCurrent(const char* path, const char* tempPath, int current) {
-    {
-        std::ifstream in(path, std::ios::binary);
-        std::ofstream out(tempPath, std::ios::binary | std::ios::trunc);
-        std::string line;
-        while (in && std::getline(in, line)) {
-            if (startsWith(line, "current=")) {
-                // The replaced line ends the file: no line feed, nothing after it.
-                out << "current=" << current;
-                break;
-            }
-            out << line << '\n';
+    // A missing (or refused) status file reads as empty: the update then
+    // leaves an empty status file.
+    std::string content;
+    readWholeFile(path, &content);
+    std::istringstream in(content);
+    std::string updated;
+    std::string line;
+    while (std::getline(in, line)) {
+        if (startsWith(line, "current=")) {
+            // The replaced line ends the file: no line feed, nothing after it.
+            updated += "current=" + std::to_string(current);
+            break;
         }
+        updated += line + '\n';
     }
-    // Both streams are closed before the rename so the new file is complete.
-    std::rename(tempPath, path);
+    // Renamed only when the temporary file is complete and closed: a failed
+    // update leaves the previous file in place. Above all, a link planted at
+    // the temporary name is refused by the open and never renamed over the
+    // status file.
+    if (writeFile(tempPath, tmp_file::Access::kTruncate, updated)) {
+        std::rename(tempPath, path);
+    }
 }
 
 }  // namespace status_file

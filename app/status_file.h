@@ -8,6 +8,11 @@
 // open, write and rename result is ignored: progress reporting never stops an
 // upgrade.
 //
+// Both names lie in the world-writable /tmp, so neither is ever opened
+// through a symbolic link (tmp_file::open): a link planted at the status
+// file's name reads as a missing file and is not written through, one at the
+// temporary name makes the progress update fail.
+//
 // The functions take the paths as arguments so they can be exercised on
 // private files; the program always passes the two fixed paths below.
 #pragma once
@@ -47,7 +52,7 @@ int64_t queryAnswer(const Record& record);
 // The exit status a shell sees for an answer: its low 8 bits, as exit() keeps.
 int answerToExitStatus(int64_t answer);
 
-// The whole query on one file: 0 when it cannot be read.
+// The whole query on one file: 0 when it cannot be read or is a symbolic link.
 int64_t queryFile(const char* path);
 
 // `brivlo -S`: answers for kStatusPath and ends the process with exit().
@@ -56,7 +61,7 @@ int64_t queryFile(const char* path);
 // The last valid "current=" value in `content`, or 0 (a damaged line counts as
 // absent, like in the query). The flash writers continue counting from it.
 int lastCurrent(const std::string& content);
-// lastCurrent of the file; 0 when it cannot be read.
+// lastCurrent of the file; 0 when it cannot be read or is a symbolic link.
 int readStartCount(const char* path);
 
 // "status=1": a download has started. Truncates the file in place.
@@ -68,6 +73,8 @@ void writePackagePhase(const char* path, int total);
 // Copies `path` to `tempPath` line by line up to the first "current=" line,
 // which is replaced by "current=" `current` (lines after it are dropped),
 // then renames `tempPath` over `path`. A missing file leaves an empty one.
+// When `tempPath` cannot be created or written completely nothing is renamed:
+// `path` keeps its previous content.
 void replaceCurrent(const char* path, const char* tempPath, int current);
 
 }  // namespace status_file
