@@ -8,10 +8,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
-#include <memory>
 #include <sys/socket.h>
 
 #include "app/status_file.h"
+#include "app/tmp_file.h"
 #include "net/env.h"
 #include "net/event_loop.h"
 #include "net/socket.h"
@@ -20,7 +20,6 @@
 
 namespace {
 
-constexpr const char* kLocalFile = "/tmp/flashit";
 constexpr const char* kDefaultTftpService = "69";
 // One dot per 150 progress reports: 150 blocks of 512 bytes.
 constexpr uint32_t kTicksPerDot = 150;
@@ -30,10 +29,6 @@ constexpr uint32_t kTicksPerDot = 150;
 int downloadResult = 0;
 // Progress reports seen since the process started; never reset.
 uint32_t progressTicks = 0;
-
-struct FileCloser {
-    void operator()(FILE* file) const { std::fclose(file); }
-};
 
 }  // namespace
 
@@ -52,10 +47,15 @@ int FlashUpgrader::downloadFile(const std::string& host, const std::string& port
         std::exit(-1);
     }
 
-    std::unique_ptr<FILE, FileCloser> file(std::fopen(kLocalFile, "w+b"));
+    // Created or emptied like fopen "w+b", but a symbolic link planted at the
+    // name fails the open with ELOOP instead of emptying the link's target.
+    // Only brivlo reads the firmware back: nobody else needs to read it.
+    tmp_file::UniqueFile file =
+        tmp_file::open(tmp_file::kDownloadPath, tmp_file::Access::kReadWrite, 0600);
     if (!file) {
-        std::cerr << "Error opening local file " << zel_error_text(zel_error_from_errno(errno), errorText)
-                  << std::endl;
+        // Formatted before anything else can change errno.
+        zel_error_text(zel_error_from_errno(errno), errorText);
+        std::cerr << "Error opening local file " << errorText << std::endl;
         return ZEL_ACCES;
     }
 

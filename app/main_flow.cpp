@@ -1,7 +1,6 @@
 #include "app/main_flow.h"
 
 #include <cstdio>
-#include <fstream>
 #include <iostream>
 #include <limits>
 #include <memory>
@@ -12,6 +11,7 @@
 #include "app/command_line.h"
 #include "app/flash_upgrader.h"
 #include "app/status_file.h"
+#include "app/tmp_file.h"
 #include "net/env.h"
 #include "net/log.h"
 #include "qim/qim_id.h"
@@ -21,7 +21,6 @@ namespace {
 constexpr int kExitDownloadFailed = 2;
 constexpr int kExitUsage = 5;
 constexpr int kExitNotPartitionOrPackage = 6;
-constexpr const char* kDownloadedFile = "/tmp/flashit";
 
 // Identifier overrides given with -O (model) and -A (manufacturer).
 struct Overrides {
@@ -93,18 +92,19 @@ int scanOptions(const std::vector<std::string>& args, bool* localSeen, Overrides
 
 // Reads the whole raw image. False when the file cannot be opened or read, is
 // larger than the 32-bit size the writer takes, or memory runs out; no buffer
-// is ever sized from a length that was not determined.
+// is ever sized from a length that was not determined. A symbolic link at the
+// download path is refused (tmp_file::openImage), so a link swapped in after
+// the download cannot make brivlo flash some other file of the system.
 bool readRawImage(const std::string& path, std::vector<uint8_t>* image) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
+    tmp_file::UniqueFile in = tmp_file::openImage(path.c_str());
+    if (!in || fseeko(in.get(), 0, SEEK_END) != 0) {
         return false;
     }
-    in.seekg(0, std::ios::end);
-    const std::streamoff length = in.tellg();
-    if (length < 0 || static_cast<uint64_t>(length) > std::numeric_limits<uint32_t>::max()) {
+    const off_t length = ftello(in.get());
+    if (length < 0 || static_cast<uint64_t>(length) > std::numeric_limits<uint32_t>::max() ||
+        fseeko(in.get(), 0, SEEK_SET) != 0) {
         return false;
     }
-    in.seekg(0, std::ios::beg);
     try {
         image->assign(static_cast<std::size_t>(length), 0);
     } catch (const std::bad_alloc&) {
@@ -115,8 +115,7 @@ bool readRawImage(const std::string& path, std::vector<uint8_t>* image) {
     if (length == 0) {
         return true;
     }
-    in.read(reinterpret_cast<char*>(image->data()), length);
-    return in.gcount() == length;
+    return std::fread(image->data(), 1, image->size(), in.get()) == image->size();
 }
 
 // The raw path of step "flash": failures are reported, never turned into an
@@ -204,7 +203,7 @@ int runUpgrade(zel_env* env, int argc, char** argv, const std::vector<std::strin
             std::cerr << "TFTP download error" << std::endl;
             return finish(kExitDownloadFailed);
         }
-        path = kDownloadedFile;
+        path = tmp_file::kDownloadPath;
     }
 
     if (package) {
