@@ -120,8 +120,11 @@ zel_error_t cap_open_with_marker(FILE** out, uint8_t header[CAP_HEADER_SIZE], co
 
     if (marker_path != nullptr) {
         // An empty file whose existence says that the record passed the CRC
-        // test; failing to create it changes nothing for the caller.
-        int fd = ::open(marker_path, O_RDONLY | O_CREAT, 0644);
+        // test; failing to create it changes nothing for the caller. The
+        // marker lives in the world-writable /tmp: a symbolic link planted at
+        // its name is refused (O_NOFOLLOW), so the link's target is never
+        // created; without O_TRUNC an existing file is not changed either.
+        int fd = ::open(marker_path, O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
         if (fd >= 0) ::close(fd);
     }
 
