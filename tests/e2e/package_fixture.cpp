@@ -148,6 +148,21 @@ std::string pathOf(pid_t pid, const __ptrace_syscall_info& info, bool* removal) 
     return "";
 }
 
+SyscallEntry entryOf(pid_t pid, const __ptrace_syscall_info& info) {
+    const uint64_t nr = info.entry.nr;
+#ifdef SYS_open
+    if (nr == SYS_open) return {SyscallEntry::Kind::kOpen, peekString(pid, info.entry.args[0])};
+#endif
+#ifdef SYS_openat2
+    if (nr == SYS_openat2) return {SyscallEntry::Kind::kOpen, peekString(pid, info.entry.args[1])};
+#endif
+    if (nr == SYS_openat) return {SyscallEntry::Kind::kOpen, peekString(pid, info.entry.args[1])};
+    if (nr == SYS_read || nr == SYS_pread64 || nr == SYS_readv || nr == SYS_preadv) {
+        return {SyscallEntry::Kind::kRead, ""};
+    }
+    return {SyscallEntry::Kind::kOther, ""};
+}
+
 }  // namespace
 
 bool canFailSockets() {
@@ -158,7 +173,8 @@ bool canFailSockets() {
 #endif
 }
 
-TracedRun runTraced(const Board& board, const std::vector<std::string>& args, bool failSockets) {
+TracedRun runTraced(const Board& board, const std::vector<std::string>& args, bool failSockets,
+                    const SyscallHook& hook) {
     TracedRun run;
     const std::string outPath = board.scratch("traced.out");
     const std::string errPath = board.scratch("traced.err");
@@ -212,6 +228,7 @@ TracedRun runTraced(const Board& board, const std::vector<std::string>& args, bo
 #else
                 (void)failSockets;
 #endif
+                if (hook) hook(entryOf(pid, info));
                 const std::string path = pathOf(pid, info, &removal);
                 if (!removal && endsWith(path, "/tmp/temp_brivlo_status")) {
                     run.snapshots.push_back({false, testutil::readFile(path)});

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -62,11 +63,19 @@ struct TracedRun {
     testutil::ProcessResult result;
     std::vector<StatusSnapshot> snapshots;
 };
+// A system call the traced program is about to make.
+struct SyscallEntry {
+    enum class Kind { kOpen, kRead, kOther } kind;
+    std::string path;  // kOpen: the path opened, as the kernel gets it
+};
+using SyscallHook = std::function<void(const SyscallEntry&)>;
 // `flashsim run DIR -- brivlo ARGS`, stopped by ptrace at every rename of the
 // board's temporary status file and every removal of its status file. With
 // `failSockets`, every socket() call fails with ENOSYS (x86-64 only: the
-// caller skips elsewhere).
-TracedRun runTraced(const Board& board, const std::vector<std::string>& args, bool failSockets = false);
+// caller skips elsewhere). `hook`, when given, runs at the entry of every
+// system call while the program waits (e.g. to change a file under it).
+TracedRun runTraced(const Board& board, const std::vector<std::string>& args, bool failSockets = false,
+                    const SyscallHook& hook = {});
 // Whether runTraced can make socket() fail on this machine.
 bool canFailSockets();
 
