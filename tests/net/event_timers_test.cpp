@@ -97,9 +97,13 @@ INSTANTIATE_TEST_SUITE_P(
         Schedule{"RescheduleFromOwnCallbackKeepsTheTimer",
                  [](Timers& t) { t.at("p", {1000, 0}, rescheduler({1005, 0})); },
                  {{{1000, 0}, "p ", 1}, {{1004, 999999}, "p ", 1}, {{1005, 0}, "p p ", 0}}},
+        // The child sorts behind "later", where the walk would still meet it.
         Schedule{"CreatedDuringADispatchWaitsForTheNextEvenWhenDue",
-                 [](Timers& t) { t.at("parent", {1000, 0}, [&t](zel_event_timer*) { t.at("child", {1, 0}); }); },
-                 {{{1000, 0}, "parent ", 1}, {{1000, 0}, "parent child ", 0}}},
+                 [](Timers& t) {
+                     t.at("parent", {1000, 0}, [&t](zel_event_timer*) { t.at("child", {1000, 2}); });
+                     t.at("later", {1000, 1});
+                 },
+                 {{{1000, 3}, "parent later ", 1}, {{1000, 3}, "parent later child ", 0}}},
         Schedule{"CreatedAndRemovedInOneDispatchIsReleased",
                  [](Timers& t) {
                      t.at("parent", {1000, 0}, [&t](zel_event_timer*) { remove(t.at("child", {1, 0})->handle); });
