@@ -1,6 +1,5 @@
-// Byte-level TFTP codec and the lock-step rules, without any socket.
+// Byte-level TFTP codec, without any socket.
 #include "net/tftp_packet.h"
-#include "net/tftp_state.h"
 
 #include <gtest/gtest.h>
 
