@@ -5,6 +5,7 @@
 #include "app/flash_upgrader.h"
 
 #include <cerrno>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <new>
@@ -17,6 +18,7 @@
 
 #include "app/mtd_device.h"
 #include "app/status_file.h"
+#include "app/tmp_file.h"
 #include "qim/file_identity.h"
 #include "qim/package.h"
 #include "qim/report.h"
@@ -74,10 +76,12 @@ bool readFully(int fd, uint64_t position, uint8_t* data, uint32_t size) {
 // has no part read at all. A file that was replaced by an identical copy or
 // touched is refused too: telling that apart would mean checksumming again.
 //
-// The open neither follows a symbolic link nor waits: a link or FIFO put in
-// the file's place cannot make us open a device (opening some has effects)
-// or block before the comparison refuses it. A package named through a link
-// is therefore refused at its first part, although the reader followed it.
+// The open does not wait, so a FIFO put in the file's place cannot block us
+// before the comparison refuses it. At the download path it does not follow
+// a symbolic link either: a link there can only have been planted in /tmp,
+// and it must not make us open a device (opening some has effects). An
+// operator's local path is followed as given, like a raw image's; the
+// comparison still admits only the validated file.
 //
 // The file's length is checked first, so a damaged part table can never make
 // us allocate more than the file holds.
@@ -86,7 +90,8 @@ ReadResult readPartData(const char* path, const qim_file_identity* validated, ui
     if (path == nullptr || validated == nullptr) {
         return ReadResult::kFailed;
     }
-    UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    const int noFollow = std::strcmp(path, tmp_file::kDownloadPath) == 0 ? O_NOFOLLOW : 0;
+    UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | noFollow));
     if (!fd.valid() || !isValidatedFile(fd.get(), *validated)) {
         return ReadResult::kFailed;
     }
