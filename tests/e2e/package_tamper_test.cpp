@@ -1,18 +1,21 @@
 // A package file that changes after it was validated never reaches flash.
-// brivlo is stopped by ptrace at its n-th open of the package (1 header read,
-// 2 checksum pass, 3 and on one per part written) or at the read after that
-// open; the file is then rewritten, truncated, replaced or extended. The
-// package ends with "Error reading from file" and 4, and no partition gets a
-// byte of the changed file.
+// brivlo is stopped by ptrace at its n-th open of the package file (1 header
+// read, 2 checksum pass, 3 and on one per part written; a download's own
+// open of /tmp/flashit comes first) or at the read after that open; the file
+// is then rewritten, truncated, replaced or extended. The package ends with
+// "Error reading from file" and 4, and no partition gets a byte of the
+// changed file.
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <ctime>
+#include <memory>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/tftpd.h"
 #include "package_fixture.h"
 
 namespace {
@@ -22,7 +25,7 @@ using e2e::PackageSpec;
 using e2e::SyscallEntry;
 using e2e::randomBytes;
 
-enum class Change { kRewrite, kTruncate, kRenameOver, kAppend, kSameBytesRenamedOver };
+enum class Change { kRewrite, kTruncate, kRenameOver, kAppend, kSameBytesRenamedOver, kLinkToSameBytes };
 
 struct TamperCase {
     std::string name;
@@ -30,6 +33,7 @@ struct TamperCase {
     bool atRead;  // at the first read after that open rather than before it
     Change change;
     std::size_t written;  // parts written before the change is noticed
+    bool download = false;  // fetched over TFTP into /tmp/flashit rather than local
 };
 
 void PrintTo(const TamperCase& c, std::ostream* os) {
@@ -46,18 +50,23 @@ PackageSpec threeParts(unsigned seed) {
 }
 const char* const kPartitions[] = {"config", "boot", "userarea"};
 
-void change(Change how, const std::string& pkg, const std::string& other) {
+// Changes the package file at `path`; `spare` is a free name on the same file system.
+void change(Change how, const std::string& path, const std::string& spare, const std::string& other) {
     if (how == Change::kTruncate) {
-        ASSERT_EQ(truncate(pkg.c_str(), 40000), 0);
+        ASSERT_EQ(truncate(path.c_str(), 40000), 0);
     } else if (how == Change::kRewrite || how == Change::kAppend) {
         // In place, same file: the rewrite keeps the size, the append adds 4 bytes.
         const std::string bytes = how == Change::kRewrite ? other : "tail";
-        const int fd = ::open(pkg.c_str(), O_WRONLY | (how == Change::kAppend ? O_APPEND : 0));
+        const int fd = ::open(path.c_str(), O_WRONLY | (how == Change::kAppend ? O_APPEND : 0));
         ASSERT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
         ::close(fd);
     } else {
-        testutil::writeFile(pkg + ".new", how == Change::kRenameOver ? other : testutil::readFile(pkg));
-        ASSERT_EQ(std::rename((pkg + ".new").c_str(), pkg.c_str()), 0);
+        testutil::writeFile(spare, how == Change::kRenameOver ? other : testutil::readFile(path));
+        if (how == Change::kLinkToSameBytes) {
+            ASSERT_EQ(unlink(path.c_str()) | symlink(spare.c_str(), path.c_str()), 0);
+        } else {
+            ASSERT_EQ(std::rename(spare.c_str(), path.c_str()), 0);
+        }
     }
 }
 
@@ -67,30 +76,41 @@ TEST_P(PackageTamper, ChangedFileNeverReachesFlash) {
     const TamperCase& c = GetParam();
     Board board;
     const PackageSpec spec = threeParts(70);
-    const std::string pkg = e2e::buildPackage(board, spec);
+    const std::string built = e2e::buildPackage(board, spec);
+    const std::string bytes = testutil::readFile(built);
     const std::string other = testutil::readFile(e2e::buildPackage(board, threeParts(80), "other.qim"));
-    ASSERT_EQ(other.size(), testutil::readFile(pkg).size());
+    ASSERT_EQ(other.size(), bytes.size());
     // An hour back, so an in-place rewrite gives a new time even where the
     // file system keeps whole seconds.
     const timespec times[2] = {{0, UTIME_OMIT}, {time(nullptr) - 3600, 0}};
-    ASSERT_EQ(utimensat(AT_FDCWD, pkg.c_str(), times, 0), 0);
-    const std::string report = e2e::report(pkg);
+    ASSERT_EQ(utimensat(AT_FDCWD, built.c_str(), times, 0), 0);
+    std::string out = e2e::report(built);
+
+    std::string pkg = built;  // the file brivlo reads the package from
+    std::vector<std::string> args = {"local", built, "qim"};
+    std::unique_ptr<testutil::Tftpd> tftpd;
+    if (c.download) {
+        tftpd = std::make_unique<testutil::Tftpd>();
+        tftpd->addFile("fw.qim", bytes);
+        args = {"tftp://127.0.0.1:" + std::to_string(tftpd->port()), "fw.qim", "qim"};
+        pkg = board.downloadPath();
+        out = "Starting file download\n " + std::to_string(bytes.size()) + " bytes transferred\n" + out;
+    }
 
     int opens = 0;
     bool done = false;
-    const e2e::TracedRun run = e2e::runTraced(board, {"local", pkg, "qim"}, false, [&](const SyscallEntry& e) {
+    const e2e::TracedRun run = e2e::runTraced(board, args, false, [&](const SyscallEntry& e) {
         if (e.kind == SyscallEntry::Kind::kOpen && e.path == pkg) ++opens;
         const bool now = c.atRead ? e.kind == SyscallEntry::Kind::kRead && opens == c.open
                                   : e.kind == SyscallEntry::Kind::kOpen && e.path == pkg && opens == c.open;
         if (now && !done) {
             done = true;
-            change(c.change, pkg, other);
+            change(c.change, pkg, built + ".spare", other);
         }
     });
     ASSERT_TRUE(done) << "the package was opened " << opens << " times";
 
     const std::size_t n = c.written;  // the part that found the file changed
-    std::string out = report;
     for (std::size_t i = 0; i < n; ++i) out += e2e::partOutput(kPartitions[i], spec.parts[i].data.size());
     EXPECT_EQ(run.result.status, 4);
     EXPECT_EQ(run.result.out, out + "\nQIM partition = " + kPartitions[n] + "\n");
@@ -106,6 +126,21 @@ TEST_P(PackageTamper, ChangedFileNeverReachesFlash) {
     }
 }
 
+// An operator's local path is followed as given, by the reader and the part
+// reads alike (a raw image's too): a package named through a link is flashed.
+TEST(PackageLink, LocalPackageNamedThroughALinkIsFlashed) {
+    Board board;
+    const PackageSpec spec = threeParts(90);
+    const std::string link = board.scratch("latest.qim");
+    ASSERT_EQ(symlink(e2e::buildPackage(board, spec).c_str(), link.c_str()), 0);
+    const testutil::ProcessResult r = board.brivlo({"local", link, "qim"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_TRUE(board.partition(kPartitions[i]).substr(0, spec.parts[i].data.size()) == spec.parts[i].data)
+            << kPartitions[i];
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(
     E2e, PackageTamper,
     testing::Values(
@@ -118,7 +153,10 @@ INSTANTIATE_TEST_SUITE_P(
         TamperCase{"RewrittenWhileSecondPartIsRead", 4, true, Change::kRewrite, 1},
         // The open descriptor still reads the validated bytes, but the rename
         // unlinked that file, which changes its status-change time.
-        TamperCase{"ReplacedWhileSecondPartIsRead", 4, true, Change::kRenameOver, 1}),
+        TamperCase{"ReplacedWhileSecondPartIsRead", 4, true, Change::kRenameOver, 1},
+        // The reader follows a link, but the part reads never follow one at
+        // /tmp/flashit: there it can only have been planted.
+        TamperCase{"DownloadReplacedByLinkBeforeValidation", 2, false, Change::kLinkToSameBytes, 0, true}),
     [](const testing::TestParamInfo<TamperCase>& info) { return info.param.name; });
 
 }  // namespace
