@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
 #include "common/tempdir.h"
@@ -31,22 +32,14 @@ TEST_P(ParseDecimal, ReadsLikeStoiWithoutThrowing) {
 
 const DecimalCase kDecimalCases[] = {
     {"Plain", "1234", true, 1234},
-    {"LeadingBlanksAndTab", " \t 42", true, 42},
-    {"PlusSign", "+7", true, 7},
     {"Negative", "-15", true, -15},
     {"TrailingTextIgnored", "99abc", true, 99},
-    {"TrailingCarriageReturn", "5\r", true, 5},
     {"Max", "2147483647", true, 2147483647},
     {"Min", "-2147483648", true, INT32_MIN},
-    {"LeadingZerosOfMax", "0002147483647", true, 2147483647},
     {"OneAboveMax", "2147483648", false, 0},
     {"OneBelowMin", "-2147483649", false, 0},
-    {"Huge", "99999999999999999999999", false, 0},
     {"Empty", "", false, 0},
-    {"SignOnly", "-", false, 0},
     {"BlankBetweenSignAndDigit", "- 5", false, 0},
-    {"Letters", "abc", false, 0},
-    {"HexIsNotDecimal", "x10", false, 0},
 };
 
 INSTANTIATE_TEST_SUITE_P(Table, ParseDecimal, ::testing::ValuesIn(kDecimalCases),
@@ -72,10 +65,8 @@ TEST_P(Query, AnswersFromContent) {
 const QueryCase kQueryCases[] = {
     // 50 * 100000000 does not fit in 32 bits.
     {"ProductNeeds64Bits", "status=2\ntotal=200000000\ncurrent=100000000", 225},
-    {"LargestValues", "status=2\ntotal=2147483647\ncurrent=2147483647", 250},
     {"TruncatesTowardZero", "status=2\ntotal=3\ncurrent=1", 216},
     {"NegativeCurrentTruncatesTowardZero", "status=2\ntotal=3\ncurrent=-1", 184},
-    {"ZeroCurrent", "status=2\ntotal=1000\ncurrent=0", 0},
     {"LaterLineWins", "status=1\nstatus=2\ntotal=10\ncurrent=5\ncurrent=10", 250},
     {"KeyMustStartLine", " status=1", 0},
     {"BlanksAndSignAfterEquals", "status= +2\ntotal=\t100\ncurrent=25xyz", 212},
@@ -97,18 +88,6 @@ TEST(QueryExitStatus, KeepsTheLowEightBitsLikeExit) {
               static_cast<int>((200 + int64_t{50} * INT32_MAX) & 0xFF));
 }
 
-// ---- The writers' start count.
-
-TEST(LastCurrent, LastValidLineWinsDamagedCountsAsAbsent) {
-    EXPECT_EQ(status_file::lastCurrent(""), 0);
-    EXPECT_EQ(status_file::lastCurrent("status=1\n"), 0);
-    EXPECT_EQ(status_file::lastCurrent("status=2\ntotal=9\ncurrent=5000"), 5000);
-    EXPECT_EQ(status_file::lastCurrent("current=1\ncurrent=2"), 2);
-    EXPECT_EQ(status_file::lastCurrent("current=7\ncurrent=junk"), 7);
-    EXPECT_EQ(status_file::lastCurrent("current=99999999999"), 0);
-    EXPECT_EQ(status_file::lastCurrent("current=-12"), -12);
-}
-
 // ---- Writers on private files.
 
 class StatusFileWriters : public ::testing::Test {
@@ -120,46 +99,24 @@ protected:
     void replace(int current) { status_file::replaceCurrent(status.c_str(), temp.c_str(), current); }
 };
 
-TEST_F(StatusFileWriters, PhaseWritersProduceTheDocumentedShapes) {
-    status_file::writeDownloadPhase(status.c_str());
-    EXPECT_EQ(testutil::readFile(status), "status=1");
-    status_file::writePackagePhase(status.c_str(), 8192);
-    EXPECT_EQ(testutil::readFile(status), "status=2\ntotal=8192\ncurrent=0");
-    status_file::writePackagePhase(status.c_str(), 0);
-    EXPECT_EQ(testutil::readFile(status), "status=2");
-}
-
-TEST_F(StatusFileWriters, ReplaceCurrentKeepsOtherLinesAndEndsWithoutLineFeed) {
-    testutil::writeFile(status, "status=2\ntotal=8192\ncurrent=0");
-    replace(4096);
-    EXPECT_EQ(testutil::readFile(status), "status=2\ntotal=8192\ncurrent=4096");
-    EXPECT_FALSE(testutil::fileExists(temp)) << "the temporary file is renamed, not copied";
-}
-
-TEST_F(StatusFileWriters, ReplaceCurrentDropsLinesAfterTheCurrentLine) {
-    testutil::writeFile(status, "status=2\ncurrent=1\ntotal=5\ncurrent=3");
-    replace(9);
-    EXPECT_EQ(testutil::readFile(status), "status=2\ncurrent=9");
-}
-
-TEST_F(StatusFileWriters, ReplaceCurrentWithoutCurrentLineOnlyAddsLineFeeds) {
-    testutil::writeFile(status, "status=1");
-    replace(100);
-    EXPECT_EQ(testutil::readFile(status), "status=1\n");
-    replace(200);
-    EXPECT_EQ(testutil::readFile(status), "status=1\n");
-}
-
-TEST_F(StatusFileWriters, ReplaceCurrentWithoutStatusFileLeavesAnEmptyOne) {
-    replace(100);
-    ASSERT_TRUE(testutil::fileExists(status));
-    EXPECT_EQ(testutil::readFile(status), "");
-}
-
-TEST_F(StatusFileWriters, StartCountReadsTheFile) {
-    EXPECT_EQ(status_file::readStartCount(status.c_str()), 0);
-    testutil::writeFile(status, "status=2\ntotal=10\ncurrent=5000");
-    EXPECT_EQ(status_file::readStartCount(status.c_str()), 5000);
+// The rewrite of "current=" on files the program never writes itself.
+TEST_F(StatusFileWriters, ReplaceCurrentOnUnusualFiles) {
+    const struct {
+        const char* before;  // nullptr: no file
+        const char* after;
+    } cases[] = {
+        {"status=2\ncurrent=1\ntotal=5\ncurrent=3", "status=2\ncurrent=9"},  // lines after it are dropped
+        {"status=1", "status=1\n"},                                          // no such line: only a line feed
+        {"status=1\n", "status=1\n"},
+        {nullptr, ""},
+    };
+    for (const auto& c : cases) {
+        std::remove(status.c_str());
+        if (c.before) testutil::writeFile(status, c.before);
+        replace(9);
+        EXPECT_EQ(testutil::readFile(status), c.after) << (c.before ? c.before : "(none)");
+        EXPECT_FALSE(testutil::fileExists(temp)) << "the temporary file is renamed, not copied";
+    }
 }
 
 }  // namespace
