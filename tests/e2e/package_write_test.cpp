@@ -1,60 +1,65 @@
-// Packages written end to end: every selected part lands in the partition of
-// its kind, the Linux image is split into kernel and rootfs, the FPGA kinds
-// share one partition, and the progress count runs on across parts.
+// Packages written end to end: every selected part lands byte-exact in the
+// partition of its kind (version 3 and version 2), the Linux image is split
+// into kernel and rootfs, the FPGA kinds share one partition, the progress
+// count runs on across parts, and a package fetched from in.tftpd is flashed.
 #include <gtest/gtest.h>
 
+#include "common/tftpd.h"
 #include "package_fixture.h"
 
 namespace {
 
-using e2e::Board;
 using e2e::PackageSpec;
 using e2e::dots;
 using e2e::kDone;
 using e2e::partOutput;
 using e2e::randomBytes;
 
-std::string erased(std::size_t n) {
-    return std::string(n, '\xff');
-}
+std::string erased(std::size_t n) { return std::string(n, '\xff'); }
 
+// A version-2 package has no releases, manufacturer or models: its Linux
+// image reads as release 0 and needs no PHY answer on a bounded board.
 TEST(PackageWrite, EverySelectedPartLandsInItsPartition) {
-    Board board;
-    // kernelLength = 65536 + 0x700 + 1000 = 68328: two blocks, one whole chunk.
-    const e2e::CombinedImage image = e2e::makeCombinedImage(board, 1000, 5000);
-    PackageSpec spec;
-    spec.parts = {{"image", "4.3.1.0", image.bytes},
-                  {"config", "1.0.0.0", randomBytes(1000, 1)},
-                  {"boot", "1.0.0.0", randomBytes(70000, 2)},
-                  {"user", "1.0.0.0", randomBytes(300, 3)}};
-    const std::string pkg = e2e::buildPackage(board, spec);
+    for (const bool v2 : {false, true}) {
+        SCOPED_TRACE(v2 ? "version 2" : "version 3");
+        e2e::Board board({"--phy", "0x0770", "--cap-mfgc", "0011223344556677"});
+        // kernelLength = 65536 + 0x700 + 1000 = 68328: two blocks, one whole chunk.
+        const e2e::CombinedImage image = e2e::makeCombinedImage(board, 1000, 5000);
+        const std::string release = v2 ? "0.0.0.0" : "1.0.0.0";
+        PackageSpec spec;
+        spec.v2 = v2;
+        spec.parts = {{"image", v2 ? release : "4.3.1.0", image.bytes},
+                      {"config", release, randomBytes(1000, 1)},
+                      {"boot", release, randomBytes(70000, 2)},
+                      {"user", release, randomBytes(300, 3)}};
+        const std::string pkg = e2e::buildPackage(board, spec);
 
-    const testutil::ProcessResult r = board.brivlo({"local", pkg, "qim"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.err, "extractLinuxVerFromQim Found Linux partition and version - 0x4030100\n");
-    EXPECT_EQ(r.out, e2e::report(pkg) + "\nQIM partition = image\nErasing Flash (wait 0s)\n" + dots(3) +
-                         "\nWriting file to kernel flash partition\n" + dots(1) + "\nErasing Flash (wait 0s)\n" +
-                         dots(2) + "\nWriting file to rootfs flash partition\n\n\nFlash write complete.\n" +
-                         partOutput("config", 1000) + partOutput("boot", 70000) + partOutput("userarea", 300) +
-                         kDone);
-
-    const std::string kernel = board.partition("kernel");
-    EXPECT_EQ(kernel.substr(0, 131072), image.bytes.substr(0, image.kernelLength) + erased(131072 - 68328));
-    EXPECT_EQ(board.partition("rootfs").substr(0, 65536), image.bytes.substr(image.kernelLength) + erased(60536));
-    EXPECT_EQ(board.partition("config").substr(0, 65536), spec.parts[1].data + erased(64536));
-    EXPECT_EQ(board.partition("boot").substr(0, 131072), spec.parts[2].data + erased(61072));
-    EXPECT_EQ(board.partition("userarea").substr(0, 65536), spec.parts[3].data + erased(65236));
-    // "image" is only opened for its checks; nothing is erased or written there.
-    EXPECT_TRUE(board.logLines("erase image ").empty());
-    EXPECT_TRUE(board.logLines("write image ").empty());
-    EXPECT_EQ(board.logLines("erase kernel ").size(), 2u);
-    EXPECT_EQ(board.logLines("erase rootfs ").size(), 1u);
-    EXPECT_EQ(board.logLines("erase boot ").size(), 2u);
-    EXPECT_FALSE(board.statusExists());
+        const testutil::ProcessResult r = board.brivlo({"local", pkg, "qim"});
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.err, std::string("extractLinuxVerFromQim Found Linux partition and version - 0x") +
+                             (v2 ? "0\n" : "4030100\n"));
+        EXPECT_EQ(r.out, e2e::report(pkg) + "\nQIM partition = image\nErasing Flash (wait 0s)\n" + dots(3) +
+                             "\nWriting file to kernel flash partition\n" + dots(1) + "\nErasing Flash (wait 0s)\n" +
+                             dots(2) + "\nWriting file to rootfs flash partition\n\n\nFlash write complete.\n" +
+                             partOutput("config", 1000) + partOutput("boot", 70000) + partOutput("userarea", 300) +
+                             kDone);
+        EXPECT_EQ(v2, r.out.find("qim file version: 2.0\n") != std::string::npos);
+        EXPECT_EQ(board.partition("kernel").substr(0, 131072),
+                  image.bytes.substr(0, image.kernelLength) + erased(131072 - 68328));
+        EXPECT_EQ(board.partition("rootfs").substr(0, 65536), image.bytes.substr(image.kernelLength) + erased(60536));
+        EXPECT_EQ(board.partition("config").substr(0, 65536), spec.parts[1].data + erased(64536));
+        EXPECT_EQ(board.partition("boot").substr(0, 131072), spec.parts[2].data + erased(61072));
+        EXPECT_EQ(board.partition("userarea").substr(0, 65536), spec.parts[3].data + erased(65236));
+        // "image" is only opened for its checks.
+        EXPECT_TRUE(board.logLines("erase image ").empty());
+        EXPECT_TRUE(board.logLines("write image ").empty());
+        EXPECT_EQ(board.logLines("phy ").empty(), v2);
+        EXPECT_FALSE(board.statusExists());
+    }
 }
 
 TEST(PackageWrite, ThreeFpgaKindsShareTheFpgaPartition) {
-    Board board;
+    e2e::Board board;
     PackageSpec spec;
     // Shrinking sizes: each write erases only the blocks it needs, so what an
     // earlier, larger part left behind those blocks stays.
@@ -68,43 +73,56 @@ TEST(PackageWrite, ThreeFpgaKindsShareTheFpgaPartition) {
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(r.out, e2e::report(pkg) + partOutput("fpga", 150000) + partOutput("fpga", 70000) +
                          partOutput("fpga", 1000) + kDone);
-
-    const std::string& first = spec.parts[0].data;
-    const std::string& second = spec.parts[1].data;
     EXPECT_EQ(board.partition("fpga").substr(0, 196608),
-              spec.parts[2].data + erased(64536) + second.substr(65536) + erased(131072 - 70000) +
-                  first.substr(131072) + erased(196608 - 150000));
+              spec.parts[2].data + erased(64536) + spec.parts[1].data.substr(65536) + erased(131072 - 70000) +
+                  spec.parts[0].data.substr(131072) + erased(196608 - 150000));
     EXPECT_EQ(board.logLines("erase fpga ").size(), 3u + 2u + 1u);
-    EXPECT_EQ(board.logLines("write fpga ").size(), 3u + 2u + 1u);
 }
 
 TEST(PackageWrite, ProgressRunsOnAcrossParts) {
-    Board board;
+    e2e::Board board;
     PackageSpec spec;
     spec.parts = {{"fpga", "1.0.0.0", randomBytes(150000, 7)}, {"config", "1.0.0.0", randomBytes(1000, 8)}};
     const std::string pkg = e2e::buildPackage(board, spec);
 
     const e2e::TracedRun run = e2e::runTraced(board, {"local", pkg, "qim"});
     EXPECT_EQ(run.result.status, 0) << run.result.err;
-    // fpga: three erases show the count before each block (0, 65536, 131072);
-    // the write phase updates after chunk 0 (196608 + 65536) and at its end
-    // (196608 + 150000). config continues from there: its erase shows
-    // 346608, its write ends at 346608 + 65536 + 1000.
+    // total = 2 x (150000 + 1000). fpga: the count before each of three
+    // erased blocks (0, 65536, 131072), after chunk 0 (196608 + 65536) and at
+    // the end (196608 + 150000); config continues: 346608 at its erase, then
+    // 346608 + 65536 + 1000. Main removes the file as the last write left it.
     const std::string head = "status=2\ntotal=302000\ncurrent=";
-    std::vector<std::string> expected;
-    for (int current : {0, 65536, 131072, 262144, 346608, 346608, 413144}) {
+    std::vector<std::string> expected, seen;
+    for (int current : {0, 65536, 131072, 262144, 346608, 346608, 413144, 413144}) {
         expected.push_back(head + std::to_string(current));
     }
-    std::vector<std::string> updates;
-    for (std::size_t i = 0; i + 1 < run.snapshots.size(); ++i) {
-        EXPECT_FALSE(run.snapshots[i].removal);
-        updates.push_back(run.snapshots[i].content);
+    for (const e2e::StatusSnapshot& s : run.snapshots) {
+        seen.push_back(s.content);
     }
-    EXPECT_EQ(updates, expected);
+    EXPECT_EQ(seen, expected);
     ASSERT_FALSE(run.snapshots.empty());
     EXPECT_TRUE(run.snapshots.back().removal);
-    EXPECT_EQ(run.snapshots.back().content, head + "413144");
     EXPECT_FALSE(board.statusExists());
+}
+
+TEST(PackageWrite, PackageFetchedFromTftpd) {
+    e2e::Board board;
+    PackageSpec spec;
+    spec.parts = {{"fpga", "1.0.0.0", randomBytes(70000, 62)}, {"config", "1.0.0.0", randomBytes(1000, 63)}};
+    const std::string pkg = e2e::buildPackage(board, spec);
+    const std::string bytes = testutil::readFile(pkg);
+    testutil::Tftpd tftpd;
+    tftpd.addFile("fw.qim", bytes);
+
+    const testutil::ProcessResult r =
+        board.brivlo({"tftp://127.0.0.1:" + std::to_string(tftpd.port()), "fw.qim", "qim"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "");
+    // 71,000-odd bytes are 140 blocks: fewer than the 150 a progress dot takes.
+    EXPECT_EQ(r.out, "Starting file download\n " + std::to_string(bytes.size()) + " bytes transferred\n" +
+                         e2e::report(pkg) + partOutput("fpga", 70000) + partOutput("config", 1000) + kDone);
+    EXPECT_EQ(board.partition("fpga").substr(0, 70000), spec.parts[0].data);
+    EXPECT_EQ(board.partition("config").substr(0, 1000), spec.parts[1].data);
 }
 
 }  // namespace
