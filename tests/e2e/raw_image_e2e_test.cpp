@@ -1,12 +1,14 @@
 // Local raw images written by the real brivlo into simulated partitions:
-// console output, flash contents, erase/write/lock calls from the flashsim
-// log, and the injected device faults (which still end with exit status 0).
+// console output, flash contents, erase and lock calls from the flashsim log,
+// the injected device faults (which still end with exit status 0), the status
+// file at every update, and the combined Linux image split at the U-Boot
+// header (made by Debian's mkimage) into kernel and rootfs.
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "brivlo_board.h"
+#include "package_fixture.h"
 
 namespace {
 
@@ -29,7 +31,6 @@ struct RawCase {
     const char* lockedAfter;  // "yes"/"no"
 };
 
-// Standard output of a complete write: the numbers are the expectation.
 std::string completeOut(unsigned estimate, std::size_t blocks, const std::string& name, std::size_t chunks) {
     return "Erasing Flash (wait " + std::to_string(estimate) + "s)\n" + dots(blocks + 1) + "\n" +
            "Writing file to flash partition '" + name + "'\n" + dots(chunks) + "\n" +
@@ -38,18 +39,15 @@ std::string completeOut(unsigned estimate, std::size_t blocks, const std::string
 
 const std::string kDone = "\nBrivlo done\n";
 const std::string kWriteFailed = "Error writing to flash\n";
-
-const std::string kLicenseUnlock = "lockctl license lock=0 start=0 length=65536 result=0";
-const std::string kLicenseLock = "lockctl license lock=1 start=0 length=65536 result=0";
+const std::string kUnlock = "lockctl license lock=0 start=0 length=65536 result=0";
+const std::string kLock = "lockctl license lock=1 start=0 length=65536 result=0";
 
 class RawImage : public ::testing::TestWithParam<RawCase> {};
 
 TEST_P(RawImage, WritesOrFailsAsTheDeviceAllows) {
     const RawCase& c = GetParam();
     Board board(c.init);
-    if (!c.fault.empty()) {
-        board.flashsim("fault", c.fault);
-    }
+    if (!c.fault.empty()) board.flashsim("fault", c.fault);
     const std::string image = e2e::randomBytes(c.size, c.size);
     const std::string path = board.scratch("image.bin");
     testutil::writeFile(path, image);
@@ -64,101 +62,162 @@ TEST_P(RawImage, WritesOrFailsAsTheDeviceAllows) {
     EXPECT_EQ(board.logLines("erase " + prefix).size(), c.eraseCalls);
     EXPECT_EQ(board.logLines("lockctl " + prefix), c.lockctl);
     EXPECT_EQ(board.lockedState(c.partition), c.lockedAfter);
-    EXPECT_FALSE(board.statusExists()) << "a finished run removes the status file";
-
+    EXPECT_FALSE(board.statusExists());
     const std::string after = board.partition(c.partition);
-    switch (c.content) {
-    case Content::Written:
-        ASSERT_EQ(after.size(), before.size());
-        EXPECT_TRUE(after.compare(0, image.size(), image) == 0) << "image not stored byte for byte";
-        EXPECT_EQ(after.substr(image.size()), std::string(after.size() - image.size(), '\xff'));
-        break;
-    case Content::Untouched:
+    if (c.content == Content::Written) {
+        EXPECT_EQ(after, image + std::string(before.size() - image.size(), '\xff'));
+    } else if (c.content == Content::Untouched) {
         EXPECT_TRUE(after == before) << "the partition changed";
-        break;
-    case Content::NotChecked:
-        break;
     }
 }
 
 const RawCase kRawCases[] = {
     {"FullChunksAndRemainder", {"--part", "fpga=1M:4K"}, {}, "fpga", 100 * 4096 + 10,
      completeOut(1, 101, "fpga", 100), "", 101, {}, Content::Written, "no"},
-    {"ExactlyPartitionSize", {"--part", "fpga=256K"}, {}, "fpga", 262144, completeOut(1, 4, "fpga", 4), "",
-     4, {}, Content::Written, "no"},
-    {"FortyBlocksEstimate", {}, {}, "fpga", 2621440, completeOut(11, 40, "fpga", 40), "", 40, {},
+    {"ExactlyPartitionSize", {"--part", "fpga=256K"}, {}, "fpga", 262144, completeOut(1, 4, "fpga", 4), "", 4, {},
      Content::Written, "no"},
+    {"FortyBlocksEstimate", {}, {}, "fpga", 2621440, completeOut(11, 40, "fpga", 40), "", 40, {}, Content::Written,
+     "no"},
     {"EmptyImage", {}, {}, "fpga", 0, completeOut(0, 0, "fpga", 0), "", 0, {}, Content::Written, "no"},
-    {"OneByteIntoProtectedPartition", {}, {}, "license", 1, completeOut(0, 1, "license", 0), "", 1,
-     {kLicenseUnlock, kLicenseLock}, Content::Written, "yes"},
-    {"ProtectedPartitionFull", {}, {}, "license", 65536, completeOut(0, 1, "license", 1), "", 1,
-     {kLicenseUnlock, kLicenseLock}, Content::Written, "yes"},
-
+    {"ProtectedPartitionFull", {}, {}, "license", 65536, completeOut(0, 1, "license", 1), "", 1, {kUnlock, kLock},
+     Content::Written, "yes"},
     // Refusals before anything is unlocked or erased.
     {"OneByteTooLarge", {"--part", "fpga=256K"}, {}, "fpga", 262145, kDone,
      "writeImageToFlash: Error - image of size 262145 too large for flash partition fpga of size 262144\n" +
-         kWriteFailed,
-     0, {}, Content::Untouched, "no"},
+         kWriteFailed, 0, {}, Content::Untouched, "no"},
     {"TooLargeForProtectedPartition", {}, {}, "license", 65537, kDone,
      "writeImageToFlash: Error - image of size 65537 too large for flash partition license of size 65536\n" +
-         kWriteFailed,
-     0, {}, Content::Untouched, "yes"},
-    {"ZeroEraseSize", {"--part", "fpga=1M:0"}, {}, "fpga", 1000, kDone,
-     "writeImageToFlash: Invalid erase size fpga\n" + kWriteFailed, 0, {}, Content::Untouched, "no"},
+         kWriteFailed, 0, {}, Content::Untouched, "yes"},
     {"ZeroEraseSizeRefusedBeforeUnlock", {"--part", "license=64K:0"}, {}, "license", 1000, kDone,
      "writeImageToFlash: Invalid erase size license\n" + kWriteFailed, 0, {}, Content::Untouched, "yes"},
-
     // Injected device faults.
     {"OpenFault", {}, {"fpga", "open"}, "fpga", 1000, kDone,
      "writeImageToFlash: Error opening flash partition fpga\n" + kWriteFailed, 0, {}, Content::Untouched, "no"},
-    {"GetinfoFault", {}, {"fpga", "getinfo"}, "fpga", 1000, kDone,
-     "writeImageToFlash: Error getting flash partition info for fpga\n" + kWriteFailed, 0, {},
-     Content::Untouched, "no"},
-    {"UnlockFault", {}, {"license", "unlock"}, "license", 1000,
-     "Error: license partition unlock failed\n" + kDone,
+    {"UnlockFault", {}, {"license", "unlock"}, "license", 1000, "Error: license partition unlock failed\n" + kDone,
      "writeImageToFlashError unlocking flash 'license'\n" + kWriteFailed, 0,
      {"lockctl license lock=0 start=0 length=65536 result=-1 errno=EIO"}, Content::Untouched, "yes"},
     {"LockFaultLeavesImageWritten", {}, {"license", "lock"}, "license", 1000,
      "Erasing Flash (wait 0s)\n..\nWriting file to flash partition 'license'\n\n"
      "Error: license partition lock failed\n" + kDone,
      "writeImageToFlashError locking flash 'license'\n" + kWriteFailed, 1,
-     {kLicenseUnlock, "lockctl license lock=1 start=0 length=65536 result=-1 errno=EIO"}, Content::Written,
-     "no"},
-    {"EraseFaultOnThirdBlock", {}, {"fpga", "erase", "2"}, "fpga", 300000,
-     "Erasing Flash (wait 1s)\n.." + kDone,
-     "writeImageToFlash: Error erasing flash partition 'fpga'\n" + kWriteFailed, 3, {}, Content::NotChecked,
-     "no"},
+     {kUnlock, "lockctl license lock=1 start=0 length=65536 result=-1 errno=EIO"}, Content::Written, "no"},
+    {"EraseFaultOnThirdBlock", {}, {"fpga", "erase", "2"}, "fpga", 300000, "Erasing Flash (wait 1s)\n.." + kDone,
+     "writeImageToFlash: Error erasing flash partition 'fpga'\n" + kWriteFailed, 3, {}, Content::NotChecked, "no"},
     {"ShortWriteOfSecondChunk", {}, {"fpga", "short-write", "2"}, "fpga", 300000,
      "Erasing Flash (wait 1s)\n......\nWriting file to flash partition 'fpga'\n." + kDone,
      "writeToFlash: Error writing blocks to flash \n" + kWriteFailed, 5, {}, Content::NotChecked, "no"},
-    {"FailedWriteOfRemainder", {}, {"fpga", "fail-write", "5"}, "fpga", 300000,
-     "Erasing Flash (wait 1s)\n......\nWriting file to flash partition 'fpga'\n....\n" + kDone,
-     "writeToFlash: Error writing to flash\n" + kWriteFailed, 5, {}, Content::NotChecked, "no"},
     {"ShortWriteOnProtectedPartitionLeavesItUnlocked", {}, {"license", "short-write", "1"}, "license", 65536,
      "Erasing Flash (wait 0s)\n..\nWriting file to flash partition 'license'\n" + kDone,
-     "writeToFlash: Error writing blocks to flash \n" + kWriteFailed, 1, {kLicenseUnlock},
-     Content::NotChecked, "no"},
+     "writeToFlash: Error writing blocks to flash \n" + kWriteFailed, 1, {kUnlock}, Content::NotChecked, "no"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Table, RawImage, ::testing::ValuesIn(kRawCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// The device is written from offset 0 in erase-block-sized writes and the
-// remainder in one more; erases cover exactly the blocks the image occupies.
-TEST(RawImageRequests, EraseAndWriteRequestsFollowTheGeometry) {
-    Board board({"--part", "fpga=64K:4K"});
-    const std::string path = board.scratch("image.bin");
-    testutil::writeFile(path, e2e::randomBytes(2 * 4096 + 100, 7));
-    ASSERT_EQ(board.brivlo({"local", path, "fpga"}).status, 0);
-    EXPECT_EQ(board.logLines("erase fpga "),
-              (std::vector<std::string>{"erase fpga start=0 length=4096 result=0",
-                                        "erase fpga start=4096 length=4096 result=0",
-                                        "erase fpga start=8192 length=4096 result=0"}));
-    EXPECT_EQ(board.logLines("write fpga "),
-              (std::vector<std::string>{"write fpga offset=0 length=4096 result=4096 corrupt=0",
-                                        "write fpga offset=4096 length=4096 result=4096 corrupt=0",
-                                        "write fpga offset=8192 length=100 result=100 corrupt=0"}));
-    EXPECT_EQ(board.logLines("getinfo fpga ").size(), 1u);
+// The status file at every update while 150000 bytes go into "fpga" (three
+// erased blocks, one whole chunk): without a file each update leaves an empty
+// one; a package's record left behind continues its count from "current=".
+TEST(RawImageStatus, EveryUpdateAndTheRemoval) {
+    const std::string head = "status=2\ntotal=900000000\ncurrent=";
+    for (const bool record : {false, true}) {
+        Board board;
+        if (record) board.writeStatus(head + "5000");
+        const std::string path = board.scratch("image.bin");
+        testutil::writeFile(path, e2e::randomBytes(150000, 3));
+        const e2e::TracedRun run = e2e::runTraced(board, {"local", path, "fpga"});
+        EXPECT_EQ(run.result.status, 0) << run.result.err;
+        std::vector<std::string> expected, seen;
+        for (int current : {0, 65536, 131072, 196608 + 65536, 196608 + 150000, 196608 + 150000}) {
+            expected.push_back(record ? head + std::to_string(5000 + current) : "");
+        }
+        for (const e2e::StatusSnapshot& s : run.snapshots) seen.push_back(s.content);
+        EXPECT_EQ(seen, expected) << (record ? "with a record" : "without a file");
+        EXPECT_TRUE(!run.snapshots.empty() && run.snapshots.back().removal);
+        EXPECT_FALSE(board.statusExists());
+    }
 }
+
+// ---- "image": split into kernel and rootfs. The split counts E + 0x700 +
+// data size bytes as kernel (E = 65536, the kernel's first block).
+
+enum class Header { AfterFirstBlock, AtOffsetZero };
+
+struct SplitCase {
+    const char* name;
+    std::vector<std::string> init;
+    Header header;
+    uint32_t dataSize;
+    uint32_t rootfsSize;
+    uint32_t cut;  // the image is shortened to this many bytes (0: kept)
+    std::string out;
+    std::string err;
+    bool kernelWritten;
+    bool rootfsWritten;
+};
+
+class KernelRootfs : public ::testing::TestWithParam<SplitCase> {};
+
+TEST_P(KernelRootfs, SplitsAtTheUbootHeaderOrRefuses) {
+    const SplitCase& c = GetParam();
+    Board board(c.init);
+    const e2e::CombinedImage image = e2e::makeCombinedImage(board, c.dataSize, c.rootfsSize);
+    std::string bytes = c.header == Header::AtOffsetZero ? image.bytes.substr(e2e::kEraseSize) : image.bytes;
+    if (c.cut != 0) bytes.resize(c.cut);
+    const std::string path = board.scratch("combined.bin");
+    testutil::writeFile(path, bytes);
+
+    const testutil::ProcessResult r = board.brivlo({"local", path, "image"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, c.out);
+    EXPECT_EQ(r.err, c.err);
+    if (c.kernelWritten) {
+        EXPECT_EQ(board.partition("kernel").substr(0, image.kernelLength), image.bytes.substr(0, image.kernelLength));
+    } else {
+        EXPECT_TRUE(board.logLines("erase kernel ").empty()) << "refused after erasing";
+    }
+    if (c.rootfsWritten) {
+        EXPECT_EQ(board.partition("rootfs").substr(0, c.rootfsSize), image.bytes.substr(image.kernelLength));
+    } else {
+        EXPECT_TRUE(board.logLines("erase rootfs ").empty());
+    }
+    EXPECT_TRUE(board.logLines("erase image ").empty()) << "\"image\" is opened for its geometry only";
+}
+
+const std::vector<std::string> kSmall = {"--part", "image=3M", "--part", "kernel=1M", "--part", "rootfs=1M"};
+const std::vector<std::string> kKernel256K = {"--part", "image=3M", "--part", "kernel=256K", "--part", "rootfs=1M"};
+const uint32_t kFillsKernel256K = 262144 - 65536 - 0x700;
+const std::string kRefused = "Error writing to flash\n";
+
+const SplitCase kSplitCases[] = {
+    // kernelLength 267328: 5 blocks, 4 whole chunks; rootfs 300000: 5 blocks.
+    {"KernelAndRootfs", kSmall, Header::AfterFirstBlock, 200000, 300000, 0,
+     "Erasing Flash (wait 1s)\n" + dots(6) + "\nWriting file to kernel flash partition\n" + dots(4) +
+         "\nErasing Flash (wait 1s)\n" + dots(6) + "\nWriting file to rootfs flash partition\n" + dots(4) +
+         "\n\nFlash write complete.\n\nBrivlo done\n",
+     "", true, true},
+    {"KernelExactlyFillingItsPartition", kKernel256K, Header::AfterFirstBlock, kFillsKernel256K, 1000, 0,
+     "Erasing Flash (wait 1s)\n" + dots(5) + "\nWriting file to kernel flash partition\n" + dots(4) +
+         "\nErasing Flash (wait 0s)\n" + dots(2) + "\nWriting file to rootfs flash partition\n" +
+         "\n\nFlash write complete.\n\nBrivlo done\n",
+     "", true, true},
+    {"HeaderAtOffsetZero", kSmall, Header::AtOffsetZero, 1000, 100000, 0, kDone,
+     "eraseAndWriteKernelRootFsU-boot header magic incorrect\n" + kRefused, false, false},
+    {"KernelOneByteTooBig", kKernel256K, Header::AfterFirstBlock, kFillsKernel256K + 1, 1000, 0, kDone,
+     "eraseAndWriteKernelRootFsImage size too big for kernel partition\n" + kRefused, false, false},
+    {"RootfsTooBigAfterKernelWritten", {"--part", "image=3M", "--part", "kernel=1M", "--part", "rootfs=256K"},
+     Header::AfterFirstBlock, 1000, 262145, 0,
+     "Erasing Flash (wait 0s)\n" + dots(3) + "\nWriting file to kernel flash partition\n" + dots(1) + "\n" + kDone,
+     "eraseAndWriteKernelRootFsImage size too big for rootfs partition\n" + kRefused, true, false},
+    // Images too short for what they announce.
+    {"TooShortForHeaderFields", kSmall, Header::AfterFirstBlock, 1000, 0, 65536 + 15, kDone,
+     "eraseAndWriteKernelRootFs: Error - image of size 65551 too short for U-Boot header at offset 65536\n" +
+         kRefused, false, false},
+    {"ShorterThanKernelLength", kSmall, Header::AfterFirstBlock, 1000, 0, 65536 + 0x700 + 999, kDone,
+     "eraseAndWriteKernelRootFs: Error - image of size 68327 shorter than kernel length 68328\n" + kRefused, false,
+     false},
+};
+
+INSTANTIATE_TEST_SUITE_P(Table, KernelRootfs, ::testing::ValuesIn(kSplitCases),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
