@@ -180,6 +180,11 @@ INSTANTIATE_TEST_SUITE_P(
                     "\nQIM partition = config\n" + kSkip + "\nQIM partition = boot\n" + kSkip +
                         partOutput("userarea", 300) + e2e::kDone,
                     "", {"userarea"}},
+        // An unreadable manufacturer argument leaves "any".
+        PackageCase{"PositionalManufacturerUnreadable", {}, byModel(kPkgMfgc), {kModel3, "zz"}, 0, true,
+                    "\nQIM partition = config\n" + kSkip + "\nQIM partition = boot\n" + kSkip +
+                        partOutput("userarea", 300) + e2e::kDone,
+                    "", {"userarea"}},
         PackageCase{"PositionalManufacturerMismatch", {}, byModel(kPkgMfgc), {kModel1, kOther}, 15, true, "",
                     mismatch(kOther), {}},
         PackageCase{"OverrideModelOverPositional", {}, byModel(), {kModel2, "-O", kModel3}, 0, true,
