@@ -11,7 +11,7 @@ namespace bench {
 
 struct Config {
     int runs = 9;          // in-process timings, flash writes
-    int tftpRuns = 7;      // 32 MB downloads per client
+    int tftpRuns = 9;      // 32 MB downloads per client
     int spawnRuns = 300;   // status queries and /bin/true starts
     int memoryRuns = 3;    // package upgrades for the peak memory
     std::string brivlo;    // paths of the programs under test
