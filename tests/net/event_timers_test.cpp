@@ -172,4 +172,22 @@ TEST_F(Timers, NestedTurnDestroyFromACallbackAndNegativeWaitAreRefused) {
     EXPECT_FALSE(loop->running);
 }
 
+// When the monotonic clock cannot be read, a turn returns the clock's code
+// before anything fires and does not leave the loop marked running, so the
+// caller can try again.
+zel_error_t brokenClock(zel_utime*) { return ZEL_FAULT; }
+
+TEST_F(Timers, UnreadableClockEndsTheTurnWithItsCode) {
+    at("p", {0, 0});
+    const zel_utime wait{0, 0};
+    zel_event_loop_clock = brokenClock;
+    const zel_error_t rc = zel_event_loop__run_once(loop, &wait);
+    zel_event_loop_clock = zel_utime_now;
+    EXPECT_EQ(rc, ZEL_FAULT);
+    EXPECT_EQ(log, "");
+    EXPECT_FALSE(loop->running);
+    ASSERT_EQ(zel_event_loop__run_once(loop, &wait), ZEL_SUCCESS);
+    EXPECT_EQ(log, "p ");
+}
+
 }  // namespace

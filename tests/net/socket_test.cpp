@@ -72,4 +72,14 @@ TEST(Resolve, GetaddrinfoErrorTable) {
     EXPECT_EQ(zel_gai_error_code(EAI_SYSTEM), ZEL_CONNREFUSED);
 }
 
+// Family 0 takes the first IPv4 result; a name with none (numeric IPv6 here,
+// so no query leaves the machine) is NOTFOUND and leaves the record untouched.
+TEST(Resolve, FamilyZeroWithoutAnIpv4ResultIsNotFound) {
+    zel_sockaddr out = v4("10.9.8.7", 1);
+    EXPECT_EQ(zel_resolve_address(&out, 0, "::1", "69"), ZEL_NOTFOUND);
+    EXPECT_EQ(text_of(out), "10.9.8.7:1 (len=16)");
+    EXPECT_EQ(zel_resolve_address(&out, 0, "127.0.0.1", "69"), ZEL_SUCCESS);
+    EXPECT_EQ(text_of(out), "127.0.0.1:69 (len=16)");
+}
+
 }  // namespace
