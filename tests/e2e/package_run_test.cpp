@@ -278,3 +278,37 @@ INSTANTIATE_TEST_SUITE_P(
     [](const testing::TestParamInfo<PackageCase>& info) { return info.param.name; });
 
 }  // namespace
+
+// A record whose app or manf section lies past the end of the 64 KiB
+// partition warns and keeps the wildcards; one without a manf link keeps them
+// silently. Either way a package for any manufacturer then goes through.
+TEST(PackageIdentity, UnreadableRecordSectionsKeepTheWildcards) {
+    struct Row {
+        const char* name;
+        uint16_t appLink, manfLink;
+        std::string warning;
+    };
+    const Row rows[] = {
+        {"AppPastTheEnd", 0xFFF0, 0, "parseCapabilityForIds: Warning - cannot read app section\n"},
+        {"ManfPastTheEnd", 20, 0xFF00, "parseCapabilityForIds: Warning - cannot read manf section\n"},
+        {"NoManfLink", 20, 0, ""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        e2e::Board board;
+        std::string record(68, '\0');
+        record.replace(0, 8, "Korvalen");
+        record[8] = 16;  // below 17: no CRC to fill
+        auto* p = reinterpret_cast<uint8_t*>(&record[0]);
+        qim_put_be16(p + 10, 68);
+        qim_put_be16(p + 14, row.appLink);
+        qim_put_be16(p + 20 + 28, row.manfLink);
+        testutil::writeFile(board.scratch("cap"), record);
+        board.flashsim("load", {"capability", board.scratch("cap")});
+        const std::string pkg = e2e::buildPackage(board, byModel(kPkgMfgc));
+        const testutil::ProcessResult r = board.brivlo({"local", pkg, "qim"});
+        EXPECT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(r.err, row.warning);
+        EXPECT_EQ(board.partition("userarea").substr(0, 300), kUser.data);
+    }
+}
