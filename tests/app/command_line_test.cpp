@@ -15,6 +15,7 @@ struct SourceCase {
     const char* host;
     const char* port;
 };
+void PrintTo(const SourceCase& c, std::ostream* os) { *os << c.name; }
 
 class ParseSource : public ::testing::TestWithParam<SourceCase> {};
 

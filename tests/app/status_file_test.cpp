@@ -20,6 +20,7 @@ struct DecimalCase {
     bool ok;
     int value;
 };
+void PrintTo(const DecimalCase& c, std::ostream* os) { *os << c.name; }
 
 class ParseDecimal : public ::testing::TestWithParam<DecimalCase> {};
 
@@ -52,6 +53,7 @@ struct QueryCase {
     const char* content;
     int64_t answer;
 };
+void PrintTo(const QueryCase& c, std::ostream* os) { *os << c.name; }
 
 class Query : public ::testing::TestWithParam<QueryCase> {};
 

@@ -35,6 +35,7 @@ struct CommandCase {
     Usage usage;
     StatusFile statusFile;  // a file holding "status=1" was there before the run
 };
+void PrintTo(const CommandCase& c, std::ostream* os) { *os << c.name; }
 
 class CommandLine : public ::testing::TestWithParam<CommandCase> {};
 
@@ -134,6 +135,7 @@ struct QueryCase {
     std::string content;
     int status;
 };
+void PrintTo(const QueryCase& c, std::ostream* os) { *os << c.name; }
 
 class StatusQuery : public ::testing::TestWithParam<QueryCase> {};
 

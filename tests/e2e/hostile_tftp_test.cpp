@@ -61,6 +61,7 @@ struct HostileCase {
     std::vector<std::string> err;  // standard error (see expectErrLines)
     std::string partial;           // a failed download: what /tmp/flashit holds
 };
+void PrintTo(const HostileCase& c, std::ostream* os) { *os << c.name; }
 
 const std::vector<HostileCase> kHostileCases = {
     // Every block eight times; each copy is acknowledged, only the first is

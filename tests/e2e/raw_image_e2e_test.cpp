@@ -30,6 +30,7 @@ struct RawCase {
     Content content;
     const char* lockedAfter;  // "yes"/"no"
 };
+void PrintTo(const RawCase& c, std::ostream* os) { *os << c.name; }
 
 std::string completeOut(unsigned estimate, std::size_t blocks, const std::string& name, std::size_t chunks) {
     return "Erasing Flash (wait " + std::to_string(estimate) + "s)\n" + dots(blocks + 1) + "\n" +
@@ -157,6 +158,7 @@ struct SplitCase {
     bool kernelWritten;
     bool rootfsWritten;
 };
+void PrintTo(const SplitCase& c, std::ostream* os) { *os << c.name; }
 
 class KernelRootfs : public ::testing::TestWithParam<SplitCase> {};
 

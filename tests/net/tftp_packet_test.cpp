@@ -19,6 +19,7 @@ struct CodecCase {
     uint32_t payload_length;
     Encoder encode;  // builds `packet`, or null for a packet only decoded
 };
+void PrintTo(const CodecCase& c, std::ostream* os) { *os << c.name; }
 
 class TftpCodec : public testing::TestWithParam<CodecCase> {};
 

@@ -11,6 +11,7 @@ struct ArithCase {
     char op;  // 'n' normalise, '+' add, '-' sub
     zel_utime t, d, expected;
 };
+void PrintTo(const ArithCase& c, std::ostream* os) { *os << c.name; }
 
 class UtimeArith : public ::testing::TestWithParam<ArithCase> {};
 

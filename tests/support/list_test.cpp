@@ -44,6 +44,7 @@ struct OpCase {
     void (*ops)(Nodes& s);
     std::vector<int> list, other;  // expected contents afterwards
 };
+void PrintTo(const OpCase& c, std::ostream* os) { *os << c.name; }
 
 class ListOps : public ::testing::TestWithParam<OpCase> {};
 
@@ -99,6 +100,7 @@ struct Corruption {
     int node_result, list_result;
     int bad_index;  // node reported by zel_list_check, -1 for none
 };
+void PrintTo(const Corruption& c, std::ostream* os) { *os << c.name; }
 
 class ListCheck : public ::testing::TestWithParam<Corruption> {};
 

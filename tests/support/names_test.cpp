@@ -47,6 +47,7 @@ struct DeviceNameCase {
     size_t size;
     const char* report;
 };
+void PrintTo(const DeviceNameCase& c, std::ostream* os) { *os << c.name; }
 
 class DeviceName : public ::testing::TestWithParam<DeviceNameCase> {};
 

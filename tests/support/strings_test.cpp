@@ -46,6 +46,7 @@ struct VersionCase {
     unsigned major, minor, patch;
     const char* line;
 };
+void PrintTo(const VersionCase& c, std::ostream* os) { *os << c.name; }
 
 class VersionParse : public ::testing::TestWithParam<VersionCase> {};
 
@@ -88,6 +89,7 @@ struct CopyNameCase {
     zel_error_t result;
     std::string expected;  // content of dst afterwards
 };
+void PrintTo(const CopyNameCase& c, std::ostream* os) { *os << c.name; }
 
 class CopyName : public ::testing::TestWithParam<CopyNameCase> {};
 
