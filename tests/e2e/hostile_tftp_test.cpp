@@ -157,9 +157,9 @@ INSTANTIATE_TEST_SUITE_P(Table, HostileTftp, ::testing::ValuesIn(kHostileCases),
 // one full block, the file grows past the package and its checksum catches it.
 TEST(HostileTftpPackage, OversizedBlockIsCaughtByThePackageChecksum) {
     e2e::Board board;
-    e2e::PackageSpec spec;
-    spec.parts = {{"fpga", "1.0.0.0", e2e::randomBytes(3000, 11)}};
-    const std::string package = testutil::readFile(e2e::buildPackage(board, spec));
+    e2e::PackageSpec plan;
+    plan.parts = {{"fpga", "1.0.0.0", e2e::randomBytes(3000, 11)}};
+    const std::string package = testutil::readFile(e2e::buildPackage(board, plan));
     FakeTftpScript script;
     script.content = package;
     script.instead[2] = {dataPacket(2, kBig)};

@@ -24,22 +24,22 @@ namespace e2e {
 const char* const kDone = "\nBrivlo done\n";
 const char* const kFailed = "Failed to write QIM file. Exiting.\n";
 
-std::string buildPackage(const Board& board, const PackageSpec& spec, const std::string& name) {
+std::string buildPackage(const Board& board, const PackageSpec& plan, const std::string& name) {
     const std::string out = board.scratch(name);
-    std::vector<std::string> argv = {QIMTOOL_BIN, "create", "-o", out, "--device-code", spec.deviceCode,
+    std::vector<std::string> argv = {QIMTOOL_BIN, "create", "-o", out, "--device-code", plan.deviceCode,
                                      "--product-version", "0x01020304"};
-    if (!spec.mfgc.empty()) {
-        argv.insert(argv.end(), {"--mfgc", spec.mfgc});
+    if (!plan.mfgc.empty()) {
+        argv.insert(argv.end(), {"--mfgc", plan.mfgc});
     }
-    for (std::size_t i = 0; i < spec.parts.size(); ++i) {
+    for (std::size_t i = 0; i < plan.parts.size(); ++i) {
         const std::string file = board.scratch(name + ".part" + std::to_string(i));
-        testutil::writeFile(file, spec.parts[i].data);
-        argv.insert(argv.end(), {"--part", spec.parts[i].kind + ":" + spec.parts[i].release + ":" + file});
+        testutil::writeFile(file, plan.parts[i].data);
+        argv.insert(argv.end(), {"--part", plan.parts[i].kind + ":" + plan.parts[i].release + ":" + file});
     }
-    for (const std::string& model : spec.models) {
+    for (const std::string& model : plan.models) {
         argv.insert(argv.end(), {"--model", model});
     }
-    if (spec.v2) {
+    if (plan.v2) {
         argv.push_back("--v2");
     }
     const testutil::ProcessResult r = testutil::runProcess(argv);

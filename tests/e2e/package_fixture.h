@@ -33,7 +33,7 @@ struct PackageSpec {
 
 // Writes the part files next to the board and runs `qimtool create`; returns
 // the package path (fails the test when qimtool fails).
-std::string buildPackage(const Board& board, const PackageSpec& spec, const std::string& name = "fw.qim");
+std::string buildPackage(const Board& board, const PackageSpec& plan, const std::string& name = "fw.qim");
 // The package report, as `qimtool info` prints it.
 std::string report(const std::string& packagePath);
 

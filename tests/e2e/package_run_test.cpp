@@ -103,7 +103,7 @@ const Damage kOverrunThirdPart = [](std::string& b) {
 struct PackageCase {
     std::string name;
     std::vector<std::string> board;  // flashsim init options
-    PackageSpec spec;
+    PackageSpec plan;
     std::vector<std::string> args;  // after "local PACKAGE"
     int status;
     bool report;                       // the package report starts standard output
@@ -122,7 +122,7 @@ TEST_P(PackageRun, WritesTheSelectedPartsOrNothing) {
     const PackageCase& c = GetParam();
     if (c.failSockets && !e2e::canFailSockets()) GTEST_SKIP() << "socket failure injection needs x86-64";
     e2e::Board board(c.board);
-    const std::string pkg = e2e::buildPackage(board, c.spec);
+    const std::string pkg = e2e::buildPackage(board, c.plan);
     std::string bytes = testutil::readFile(pkg);
     if (c.damage) {
         c.damage(bytes);
@@ -141,7 +141,7 @@ TEST_P(PackageRun, WritesTheSelectedPartsOrNothing) {
     EXPECT_EQ(r.err, (c.err == kChecksum ? checksumLine(bytes) : c.err) + (c.status ? e2e::kFailed : ""));
     EXPECT_FALSE(board.statusExists());
     for (const std::string& name : c.written) {
-        for (const PartSpec& part : c.spec.parts) {
+        for (const PartSpec& part : c.plan.parts) {
             if (part.kind == name || (name == "userarea" && part.kind == "user")) {
                 EXPECT_EQ(board.partition(name).substr(0, part.data.size()), part.data) << name;
             }

@@ -42,11 +42,11 @@ void PrintTo(const TamperCase& c, std::ostream* os) {
 
 // Same kinds and sizes, other bytes: `other` is a valid package of the same size.
 PackageSpec threeParts(unsigned seed) {
-    PackageSpec spec;
-    spec.parts = {{"config", "1.0.0.0", randomBytes(1000, seed)},
+    PackageSpec plan;
+    plan.parts = {{"config", "1.0.0.0", randomBytes(1000, seed)},
                   {"boot", "1.0.0.0", randomBytes(70000, seed + 1)},
                   {"user", "1.0.0.0", randomBytes(300, seed + 2)}};
-    return spec;
+    return plan;
 }
 const char* const kPartitions[] = {"config", "boot", "userarea"};
 
@@ -75,8 +75,8 @@ class PackageTamper : public testing::TestWithParam<TamperCase> {};
 TEST_P(PackageTamper, ChangedFileNeverReachesFlash) {
     const TamperCase& c = GetParam();
     Board board;
-    const PackageSpec spec = threeParts(70);
-    const std::string built = e2e::buildPackage(board, spec);
+    const PackageSpec plan = threeParts(70);
+    const std::string built = e2e::buildPackage(board, plan);
     const std::string bytes = testutil::readFile(built);
     const std::string other = testutil::readFile(e2e::buildPackage(board, threeParts(80), "other.qim"));
     ASSERT_EQ(other.size(), bytes.size());
@@ -111,13 +111,13 @@ TEST_P(PackageTamper, ChangedFileNeverReachesFlash) {
     ASSERT_TRUE(done) << "the package was opened " << opens << " times";
 
     const std::size_t n = c.written;  // the part that found the file changed
-    for (std::size_t i = 0; i < n; ++i) out += e2e::partOutput(kPartitions[i], spec.parts[i].data.size());
+    for (std::size_t i = 0; i < n; ++i) out += e2e::partOutput(kPartitions[i], plan.parts[i].data.size());
     EXPECT_EQ(run.result.status, 4);
     EXPECT_EQ(run.result.out, out + "\nQIM partition = " + kPartitions[n] + "\n");
     EXPECT_EQ(run.result.err, "writeQimToFlashError reading from file\n" + std::string(e2e::kFailed));
     for (std::size_t i = 0; i < 3; ++i) {
         if (i < n) {
-            EXPECT_TRUE(board.partition(kPartitions[i]).substr(0, spec.parts[i].data.size()) == spec.parts[i].data)
+            EXPECT_TRUE(board.partition(kPartitions[i]).substr(0, plan.parts[i].data.size()) == plan.parts[i].data)
                 << kPartitions[i] << " holds other bytes than the validated part";
         } else {
             EXPECT_TRUE(board.logLines(std::string("erase ") + kPartitions[i] + " ").empty()) << kPartitions[i];
@@ -130,13 +130,13 @@ TEST_P(PackageTamper, ChangedFileNeverReachesFlash) {
 // reads alike (a raw image's too): a package named through a link is flashed.
 TEST(PackageLink, LocalPackageNamedThroughALinkIsFlashed) {
     Board board;
-    const PackageSpec spec = threeParts(90);
+    const PackageSpec plan = threeParts(90);
     const std::string link = board.scratch("latest.qim");
-    ASSERT_EQ(symlink(e2e::buildPackage(board, spec).c_str(), link.c_str()), 0);
+    ASSERT_EQ(symlink(e2e::buildPackage(board, plan).c_str(), link.c_str()), 0);
     const testutil::ProcessResult r = board.brivlo({"local", link, "qim"});
     EXPECT_EQ(r.status, 0) << r.err;
     for (std::size_t i = 0; i < 3; ++i) {
-        EXPECT_TRUE(board.partition(kPartitions[i]).substr(0, spec.parts[i].data.size()) == spec.parts[i].data)
+        EXPECT_TRUE(board.partition(kPartitions[i]).substr(0, plan.parts[i].data.size()) == plan.parts[i].data)
             << kPartitions[i];
     }
 }

@@ -26,13 +26,13 @@ TEST(PackageWrite, EverySelectedPartLandsInItsPartition) {
         // kernelLength = 65536 + 0x700 + 1000 = 68328: two blocks, one whole chunk.
         const e2e::CombinedImage image = e2e::makeCombinedImage(board, 1000, 5000);
         const std::string release = v2 ? "0.0.0.0" : "1.0.0.0";
-        PackageSpec spec;
-        spec.v2 = v2;
-        spec.parts = {{"image", v2 ? release : "4.3.1.0", image.bytes},
+        PackageSpec plan;
+        plan.v2 = v2;
+        plan.parts = {{"image", v2 ? release : "4.3.1.0", image.bytes},
                       {"config", release, randomBytes(1000, 1)},
                       {"boot", release, randomBytes(70000, 2)},
                       {"user", release, randomBytes(300, 3)}};
-        const std::string pkg = e2e::buildPackage(board, spec);
+        const std::string pkg = e2e::buildPackage(board, plan);
 
         const testutil::ProcessResult r = board.brivlo({"local", pkg, "qim"});
         EXPECT_EQ(r.status, 0);
@@ -47,9 +47,9 @@ TEST(PackageWrite, EverySelectedPartLandsInItsPartition) {
         EXPECT_EQ(board.partition("kernel").substr(0, 131072),
                   image.bytes.substr(0, image.kernelLength) + erased(131072 - 68328));
         EXPECT_EQ(board.partition("rootfs").substr(0, 65536), image.bytes.substr(image.kernelLength) + erased(60536));
-        EXPECT_EQ(board.partition("config").substr(0, 65536), spec.parts[1].data + erased(64536));
-        EXPECT_EQ(board.partition("boot").substr(0, 131072), spec.parts[2].data + erased(61072));
-        EXPECT_EQ(board.partition("userarea").substr(0, 65536), spec.parts[3].data + erased(65236));
+        EXPECT_EQ(board.partition("config").substr(0, 65536), plan.parts[1].data + erased(64536));
+        EXPECT_EQ(board.partition("boot").substr(0, 131072), plan.parts[2].data + erased(61072));
+        EXPECT_EQ(board.partition("userarea").substr(0, 65536), plan.parts[3].data + erased(65236));
         // "image" is only opened for its checks.
         EXPECT_TRUE(board.logLines("erase image ").empty());
         EXPECT_TRUE(board.logLines("write image ").empty());
@@ -60,13 +60,13 @@ TEST(PackageWrite, EverySelectedPartLandsInItsPartition) {
 
 TEST(PackageWrite, ThreeFpgaKindsShareTheFpgaPartition) {
     e2e::Board board;
-    PackageSpec spec;
+    PackageSpec plan;
     // Shrinking sizes: each write erases only the blocks it needs, so what an
     // earlier, larger part left behind those blocks stays.
-    spec.parts = {{"fpga", "1.0.0.0", randomBytes(150000, 4)},
+    plan.parts = {{"fpga", "1.0.0.0", randomBytes(150000, 4)},
                   {"fpgar3", "1.0.0.0", randomBytes(70000, 5)},
                   {"fpgar4", "1.0.0.0", randomBytes(1000, 6)}};
-    const std::string pkg = e2e::buildPackage(board, spec);
+    const std::string pkg = e2e::buildPackage(board, plan);
 
     const testutil::ProcessResult r = board.brivlo({"local", pkg, "qim"});
     EXPECT_EQ(r.status, 0);
@@ -74,16 +74,16 @@ TEST(PackageWrite, ThreeFpgaKindsShareTheFpgaPartition) {
     EXPECT_EQ(r.out, e2e::report(pkg) + partOutput("fpga", 150000) + partOutput("fpga", 70000) +
                          partOutput("fpga", 1000) + kDone);
     EXPECT_EQ(board.partition("fpga").substr(0, 196608),
-              spec.parts[2].data + erased(64536) + spec.parts[1].data.substr(65536) + erased(131072 - 70000) +
-                  spec.parts[0].data.substr(131072) + erased(196608 - 150000));
+              plan.parts[2].data + erased(64536) + plan.parts[1].data.substr(65536) + erased(131072 - 70000) +
+                  plan.parts[0].data.substr(131072) + erased(196608 - 150000));
     EXPECT_EQ(board.logLines("erase fpga ").size(), 3u + 2u + 1u);
 }
 
 TEST(PackageWrite, ProgressRunsOnAcrossParts) {
     e2e::Board board;
-    PackageSpec spec;
-    spec.parts = {{"fpga", "1.0.0.0", randomBytes(150000, 7)}, {"config", "1.0.0.0", randomBytes(1000, 8)}};
-    const std::string pkg = e2e::buildPackage(board, spec);
+    PackageSpec plan;
+    plan.parts = {{"fpga", "1.0.0.0", randomBytes(150000, 7)}, {"config", "1.0.0.0", randomBytes(1000, 8)}};
+    const std::string pkg = e2e::buildPackage(board, plan);
 
     const e2e::TracedRun run = e2e::runTraced(board, {"local", pkg, "qim"});
     EXPECT_EQ(run.result.status, 0) << run.result.err;
@@ -107,9 +107,9 @@ TEST(PackageWrite, ProgressRunsOnAcrossParts) {
 
 TEST(PackageWrite, PackageFetchedFromTftpd) {
     e2e::Board board;
-    PackageSpec spec;
-    spec.parts = {{"fpga", "1.0.0.0", randomBytes(70000, 62)}, {"config", "1.0.0.0", randomBytes(1000, 63)}};
-    const std::string pkg = e2e::buildPackage(board, spec);
+    PackageSpec plan;
+    plan.parts = {{"fpga", "1.0.0.0", randomBytes(70000, 62)}, {"config", "1.0.0.0", randomBytes(1000, 63)}};
+    const std::string pkg = e2e::buildPackage(board, plan);
     const std::string bytes = testutil::readFile(pkg);
     testutil::Tftpd tftpd;
     tftpd.addFile("fw.qim", bytes);
@@ -121,8 +121,8 @@ TEST(PackageWrite, PackageFetchedFromTftpd) {
     // 71,000-odd bytes are 140 blocks: fewer than the 150 a progress dot takes.
     EXPECT_EQ(r.out, "Starting file download\n " + std::to_string(bytes.size()) + " bytes transferred\n" +
                          e2e::report(pkg) + partOutput("fpga", 70000) + partOutput("config", 1000) + kDone);
-    EXPECT_EQ(board.partition("fpga").substr(0, 70000), spec.parts[0].data);
-    EXPECT_EQ(board.partition("config").substr(0, 1000), spec.parts[1].data);
+    EXPECT_EQ(board.partition("fpga").substr(0, 70000), plan.parts[0].data);
+    EXPECT_EQ(board.partition("config").substr(0, 1000), plan.parts[1].data);
 }
 
 }  // namespace

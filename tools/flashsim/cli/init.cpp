@@ -69,12 +69,12 @@ void checkName(const std::string& name) {
 }
 
 // --part NAME=SIZE[:ERASE]
-void planPart(InitPlan& plan, const std::string& spec) {
-    const size_t eq = spec.find('=');
-    if (eq == std::string::npos) throw UsageError("--part wants NAME=SIZE[:ERASE], not '" + spec + "'");
-    const std::string name = spec.substr(0, eq);
+void planPart(InitPlan& plan, const std::string& text) {
+    const size_t eq = text.find('=');
+    if (eq == std::string::npos) throw UsageError("--part wants NAME=SIZE[:ERASE], not '" + text + "'");
+    const std::string name = text.substr(0, eq);
     checkName(name);
-    const std::string geometry = spec.substr(eq + 1);
+    const std::string geometry = text.substr(eq + 1);
     const size_t colon = geometry.find(':');
     PartPlan* p = findPlan(plan, name);
     if (p == nullptr) {
@@ -90,12 +90,12 @@ void planPart(InitPlan& plan, const std::string& spec) {
 }
 
 // --fault NAME:KIND[:ARG]
-void planFault(InitPlan& plan, const std::string& spec) {
-    const size_t a = spec.find(':');
-    if (a == std::string::npos) throw UsageError("--fault wants NAME:KIND[:ARG], not '" + spec + "'");
-    const size_t b = spec.find(':', a + 1);
-    FaultPlan f{spec.substr(0, a), spec.substr(a + 1, b == std::string::npos ? std::string::npos : b - a - 1),
-                b == std::string::npos ? std::string() : spec.substr(b + 1), b != std::string::npos};
+void planFault(InitPlan& plan, const std::string& text) {
+    const size_t a = text.find(':');
+    if (a == std::string::npos) throw UsageError("--fault wants NAME:KIND[:ARG], not '" + text + "'");
+    const size_t b = text.find(':', a + 1);
+    FaultPlan f{text.substr(0, a), text.substr(a + 1, b == std::string::npos ? std::string::npos : b - a - 1),
+                b == std::string::npos ? std::string() : text.substr(b + 1), b != std::string::npos};
     plan.faults.push_back(f);
 }
 
