@@ -173,6 +173,17 @@ bool canFailSockets() {
 #endif
 }
 
+bool canTrace() {
+    // qemu-user answers ptrace with ENOSYS: ask once, in a child of our own.
+    static const bool traceable = [] {
+        const pid_t pid = fork();
+        if (pid == 0) _exit(ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0 ? 0 : 1);
+        int status = 0;
+        return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    }();
+    return traceable;
+}
+
 TracedRun runTraced(const Board& board, const std::vector<std::string>& args, bool failSockets,
                     const SyscallHook& hook) {
     TracedRun run;

@@ -76,6 +76,9 @@ using SyscallHook = std::function<void(const SyscallEntry&)>;
 // system call while the program waits (e.g. to change a file under it).
 TracedRun runTraced(const Board& board, const std::vector<std::string>& args, bool failSockets = false,
                     const SyscallHook& hook = {});
+// Whether this process can trace its children at all (not under qemu-user);
+// tests built on runTraced skip without it.
+bool canTrace();
 // Whether runTraced can make socket() fail on this machine.
 bool canFailSockets();
 

@@ -73,6 +73,7 @@ void change(Change how, const std::string& path, const std::string& spare, const
 class PackageTamper : public testing::TestWithParam<TamperCase> {};
 
 TEST_P(PackageTamper, ChangedFileNeverReachesFlash) {
+    if (!e2e::canTrace()) GTEST_SKIP() << "tracing children is not available here (qemu-user)";
     const TamperCase& c = GetParam();
     Board board;
     const PackageSpec plan = threeParts(70);
