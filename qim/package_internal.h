@@ -18,6 +18,11 @@ struct FileCloser {
 // A stdio stream closed exactly once, on every return.
 using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 
+// Opens `path` for reading like fopen(path, "rb"). Without `follow_links` a
+// symbolic link at the last component is refused (null, errno ELOOP), so a
+// link swapped in at a fixed name in /tmp is never read through.
+UniqueFile open_for_reading(const char* path, bool follow_links);
+
 // Moves to a 64-bit position (the target's long is 32 bits wide).
 bool seek_to(FILE* f, uint64_t position);
 
@@ -51,13 +56,15 @@ struct SeenFile {
 // `path` from byte 64 on. 0; 4 with the bad-checksum message; 6 with
 // "error: cannot reopen ..." or "error: cannot read ..." when the file
 // cannot be opened or read a second time. `seen` (may be null) receives the
-// file's identity once it was read to the end.
+// file's identity once it was read to the end. `follow_links` as for
+// open_for_reading.
 zel_error_t check_version3_file_crc(const qim_package* pkg, uint8_t* buf, const char* path,
-                                    SeenFile* seen = nullptr);
+                                    SeenFile* seen = nullptr, bool follow_links = true);
 
 // qim_package_parse_header, with `seen` (may be null) receiving the identity
-// of the file the version-2 byte sum read.
+// of the file the version-2 byte sum read, which opens `path` as
+// open_for_reading does with `follow_links`.
 zel_error_t parse_header(qim_package* pkg, const uint8_t* buf, std::size_t length, const char* path,
-                         SeenFile* seen);
+                         SeenFile* seen, bool follow_links = true);
 
 }  // namespace qim_internal

@@ -2,8 +2,10 @@
 // the checksums, each refusal with its fixed code and message.
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <memory>
 #include <new>
+#include <unistd.h>
 
 #include "qim/byte_order.h"
 #include "qim/byte_sum.h"
@@ -29,11 +31,12 @@ void record_seen(FILE* f, qim_internal::SeenFile* seen) {
 
 // The folded byte sum of the whole file less the stored checksum field, or
 // the "unreadable" value when there is no file to read.
-uint32_t version2_file_sum(const char* path, const uint8_t* header, qim_internal::SeenFile* seen) {
+uint32_t version2_file_sum(const char* path, const uint8_t* header, qim_internal::SeenFile* seen,
+                           bool follow_links) {
     if (path == nullptr) {
         return fmt::v2::kUnreadableSum;
     }
-    UniqueFile f(std::fopen(path, "rb"));
+    UniqueFile f = qim_internal::open_for_reading(path, follow_links);
     if (!f) {
         return fmt::v2::kUnreadableSum;
     }
@@ -74,7 +77,7 @@ uint32_t low_bits_mask(uint32_t count) {
 }
 
 zel_error_t parse_version2(qim_package* pkg, const uint8_t* buf, std::size_t length,
-                           const char* path, qim_internal::SeenFile* seen) {
+                           const char* path, qim_internal::SeenFile* seen, bool follow_links) {
     qim_header* h = pkg->header;
     h->device_code = qim_get_be32(buf + fmt::v2::kOffDeviceCode);
     h->product_version = qim_get_be32(buf + fmt::v2::kOffProductVersion);
@@ -82,7 +85,7 @@ zel_error_t parse_version2(qim_package* pkg, const uint8_t* buf, std::size_t len
     h->mfgc_id = QIM_MFGC_ID_ANY;
     h->header_checksum = 0;
 
-    uint32_t computed = version2_file_sum(path, buf, seen);
+    uint32_t computed = version2_file_sum(path, buf, seen, follow_links);
     if (computed != h->checksum) {
         print_bad_checksum(computed, h->checksum);
         return ZEL_INVALIDDATA;
@@ -179,12 +182,29 @@ zel_error_t parse_version3(qim_package* pkg, const uint8_t* buf, std::size_t len
 
 namespace qim_internal {
 
+UniqueFile open_for_reading(const char* path, bool follow_links) {
+    if (follow_links) {
+        return UniqueFile(std::fopen(path, "rb"));
+    }
+    const int fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) {
+        return nullptr;
+    }
+    UniqueFile f(::fdopen(fd, "rb"));
+    if (!f) {
+        const int saved = errno;
+        ::close(fd);
+        errno = saved;
+    }
+    return f;
+}
+
 zel_error_t check_version3_file_crc(const qim_package* pkg, uint8_t* buf, const char* path,
-                                    SeenFile* seen) {
+                                    SeenFile* seen, bool follow_links) {
     std::memset(buf + fmt::v3::kOffChecksum, 0, 4);
     uint32_t crc = crc32_update(CRC32_INIT, buf, fmt::v3::kHeaderSize);
 
-    UniqueFile f(std::fopen(path, "rb"));
+    UniqueFile f = open_for_reading(path, follow_links);
     if (!f || !qim_internal::seek_to(f.get(), fmt::v3::kHeaderSize)) {
         // The file was readable a moment ago: say why the second open failed.
         std::fprintf(stderr, "error: cannot reopen %s: %s\n", path, std::strerror(errno));
@@ -237,7 +257,8 @@ void qim_package_free(qim_package* pkg) {
 }
 
 zel_error_t qim_internal::parse_header(qim_package* pkg, const uint8_t* buf, std::size_t length,
-                                       const char* path, qim_internal::SeenFile* seen) {
+                                       const char* path, qim_internal::SeenFile* seen,
+                                       bool follow_links) {
     if (pkg == nullptr || buf == nullptr) return ZEL_INVALIDPARAMETER;
     if (length < fmt::kMinFileSize) {
         return ZEL_INVALIDDATA;
@@ -259,7 +280,7 @@ zel_error_t qim_internal::parse_header(qim_package* pkg, const uint8_t* buf, std
 
     switch (pkg->header->version_major) {
         case 2:
-            return parse_version2(pkg, buf, length, path, seen);
+            return parse_version2(pkg, buf, length, path, seen, follow_links);
         case 3:
             return parse_version3(pkg, buf, length, path);
         default:
@@ -275,7 +296,9 @@ zel_error_t qim_package_parse_header(qim_package* pkg, const uint8_t* buf, std::
     return qim_internal::parse_header(pkg, buf, length, path, nullptr);
 }
 
-zel_error_t qim_package_load(qim_package* pkg, const char* path) {
+namespace {
+
+zel_error_t load(qim_package* pkg, const char* path, bool follow_links) {
     if (pkg == nullptr || path == nullptr) return ZEL_INVALIDPARAMETER;
     std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[fmt::kReadLimit]);
     if (!buf) return ZEL_NOMEMORY;
@@ -287,15 +310,16 @@ zel_error_t qim_package_load(qim_package* pkg, const char* path) {
     std::size_t length;
     qim_internal::SeenFile opened;
     {
-        UniqueFile f(std::fopen(path, "rb"));
+        UniqueFile f = qim_internal::open_for_reading(path, follow_links);
         if (!f) return ZEL_NOMEMORY;
         record_seen(f.get(), &opened);
         length = std::fread(buf.get(), 1, fmt::kReadLimit, f.get());
     }
     qim_internal::SeenFile summed;
-    zel_error_t rc = qim_internal::parse_header(pkg, buf.get(), length, path, &summed);
+    zel_error_t rc = qim_internal::parse_header(pkg, buf.get(), length, path, &summed,
+                                                  follow_links);
     if (rc == ZEL_SUCCESS && pkg->header->version_major == 3) {
-        rc = qim_internal::check_version3_file_crc(pkg, buf.get(), path, &summed);
+        rc = qim_internal::check_version3_file_crc(pkg, buf.get(), path, &summed, follow_links);
     }
     if (rc == ZEL_SUCCESS && opened.known && summed.known &&
         qim_file_identity_equal(&opened.identity, &summed.identity)) {
@@ -303,4 +327,14 @@ zel_error_t qim_package_load(qim_package* pkg, const char* path) {
         pkg->file_identity = summed.identity;
     }
     return rc;
+}
+
+}  // namespace
+
+zel_error_t qim_package_load(qim_package* pkg, const char* path) {
+    return load(pkg, path, true);
+}
+
+zel_error_t qim_package_load_nofollow(qim_package* pkg, const char* path) {
+    return load(pkg, path, false);
 }
