@@ -128,7 +128,12 @@ int FlashUpgrader::flashQimFile(const char* path) {
 }
 
 int FlashUpgrader::loadAndCheckQimFile(const char* path, qim_package* package) {
-    const zel_error_t rc = qim_package_load(package, path);
+    // The download is a file brivlo has just written at a fixed name in
+    // /tmp: a link there can only have been swapped in since, so the reader
+    // does not follow one. A local path is the operator's and is followed.
+    const zel_error_t rc = std::strcmp(path, tmp_file::kDownloadPath) == 0
+                               ? qim_package_load_nofollow(package, path)
+                               : qim_package_load(package, path);
     if (rc != ZEL_SUCCESS) {
         // The reader has printed its own message.
         return static_cast<int>(rc);

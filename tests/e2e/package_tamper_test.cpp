@@ -3,11 +3,14 @@
 // read, 2 checksum pass, 3 and on one per part written; a download's own
 // open of /tmp/flashit comes first) or at the read after that open; the file
 // is then rewritten, truncated, replaced or extended. The package ends with
-// "Error reading from file" and 4, and no partition gets a byte of the
-// changed file.
+// "Error reading from file" and 4 (a link at /tmp/flashit that the reader
+// meets ends the load with the reader's refusal instead), and no partition
+// gets a byte of the changed file.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <memory>
 
@@ -27,6 +30,11 @@ using e2e::randomBytes;
 
 enum class Change { kRewrite, kTruncate, kRenameOver, kAppend, kSameBytesRenamedOver, kLinkToSameBytes };
 
+// Who notices the change: a part read (4, after the report), or the reader
+// refusing a link at /tmp/flashit at its header read (6, silent) or at its
+// checksum pass (6, "cannot reopen"), before any report.
+enum class Refuser { kPartRead, kReaderOpen, kReaderReopen };
+
 struct TamperCase {
     std::string name;
     int open;     // the package's open at which the file changes
@@ -34,6 +42,7 @@ struct TamperCase {
     Change change;
     std::size_t written;  // parts written before the change is noticed
     bool download = false;  // fetched over TFTP into /tmp/flashit rather than local
+    Refuser refuser = Refuser::kPartRead;
 };
 
 void PrintTo(const TamperCase& c, std::ostream* os) {
@@ -85,7 +94,8 @@ TEST_P(PackageTamper, ChangedFileNeverReachesFlash) {
     // file system keeps whole seconds.
     const timespec times[2] = {{0, UTIME_OMIT}, {time(nullptr) - 3600, 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, built.c_str(), times, 0), 0);
-    std::string out = e2e::report(built);
+    const std::string report = e2e::report(built);  // of the file as it was validated
+    std::string head;  // what comes before the report
 
     std::string pkg = built;  // the file brivlo reads the package from
     std::vector<std::string> args = {"local", built, "qim"};
@@ -95,7 +105,7 @@ TEST_P(PackageTamper, ChangedFileNeverReachesFlash) {
         tftpd->addFile("fw.qim", bytes);
         args = {"tftp://127.0.0.1:" + std::to_string(tftpd->port()), "fw.qim", "qim"};
         pkg = board.downloadPath();
-        out = "Starting file download\n " + std::to_string(bytes.size()) + " bytes transferred\n" + out;
+        head = "Starting file download\n " + std::to_string(bytes.size()) + " bytes transferred\n";
     }
 
     int opens = 0;
@@ -112,10 +122,20 @@ TEST_P(PackageTamper, ChangedFileNeverReachesFlash) {
     ASSERT_TRUE(done) << "the package was opened " << opens << " times";
 
     const std::size_t n = c.written;  // the part that found the file changed
-    for (std::size_t i = 0; i < n; ++i) out += e2e::partOutput(kPartitions[i], plan.parts[i].data.size());
-    EXPECT_EQ(run.result.status, 4);
-    EXPECT_EQ(run.result.out, out + "\nQIM partition = " + kPartitions[n] + "\n");
-    EXPECT_EQ(run.result.err, "writeQimToFlashError reading from file\n" + std::string(e2e::kFailed));
+    if (c.refuser == Refuser::kPartRead) {
+        std::string out = head + report;
+        for (std::size_t i = 0; i < n; ++i) out += e2e::partOutput(kPartitions[i], plan.parts[i].data.size());
+        EXPECT_EQ(run.result.status, 4);
+        EXPECT_EQ(run.result.out, out + "\nQIM partition = " + kPartitions[n] + "\n");
+        EXPECT_EQ(run.result.err, "writeQimToFlashError reading from file\n" + std::string(e2e::kFailed));
+    } else {
+        const std::string reader = c.refuser == Refuser::kReaderReopen
+                                       ? "error: cannot reopen /tmp/flashit: " + std::string(std::strerror(ELOOP)) + "\n"
+                                       : "";
+        EXPECT_EQ(run.result.status, 6);
+        EXPECT_EQ(run.result.out, head);
+        EXPECT_EQ(run.result.err, reader + e2e::kFailed);
+    }
     for (std::size_t i = 0; i < 3; ++i) {
         if (i < n) {
             EXPECT_TRUE(board.partition(kPartitions[i]).substr(0, plan.parts[i].data.size()) == plan.parts[i].data)
@@ -155,9 +175,13 @@ INSTANTIATE_TEST_SUITE_P(
         // The open descriptor still reads the validated bytes, but the rename
         // unlinked that file, which changes its status-change time.
         TamperCase{"ReplacedWhileSecondPartIsRead", 4, true, Change::kRenameOver, 1},
-        // The reader follows a link, but the part reads never follow one at
-        // /tmp/flashit: there it can only have been planted.
-        TamperCase{"DownloadReplacedByLinkBeforeValidation", 2, false, Change::kLinkToSameBytes, 0, true}),
+        // Neither the reader nor the part reads follow a link at
+        // /tmp/flashit: there it can only have been planted. Open 1 is the
+        // download's own, 2 the reader's header read, 3 its checksum pass.
+        TamperCase{"DownloadReplacedByLinkBeforeValidation", 2, false, Change::kLinkToSameBytes, 0, true,
+                   Refuser::kReaderOpen},
+        TamperCase{"DownloadReplacedByLinkBeforeChecksumPass", 3, false, Change::kLinkToSameBytes, 0, true,
+                   Refuser::kReaderReopen}),
     [](const testing::TestParamInfo<TamperCase>& info) { return info.param.name; });
 
 }  // namespace

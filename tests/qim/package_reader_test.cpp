@@ -1,8 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <tuple>
 
+#include <unistd.h>
+
+#include "qim/file_identity.h"
 #include "qim/package.h"
 #include "qim/package_internal.h"
 #include "qim_test_util.h"
@@ -86,6 +91,40 @@ TEST(Load, FileThatCannotBeOpenedAgainIsReported) {
     const std::string err = stderr_of(
         [&] { EXPECT_EQ(qim_internal::check_version3_file_crc(pkg.get(), b.data(), gone.c_str()), 6u); });
     EXPECT_EQ(err, "error: cannot reopen " + gone + ": No such file or directory\n");
+}
+
+// The nofollow load refuses a link at the path as a file it cannot open, at
+// the header read (6, silent) and at the version-3 checksum pass ("cannot
+// reopen"); the plain load follows it. The link's target is only read.
+TEST(Load, NofollowRefusesALinkThePlainLoadFollows) {
+    for (const Bytes& b : {make_v3(two_parts()), make_v2({{1, 0, filled(600, 3)}})}) {
+        SCOPED_TRACE(get32(b, 8));
+        testutil::TempDir dir;
+        const std::string target = dir.file("pkg.qim");
+        const std::string link = dir.file("link.qim");
+        testutil::writeBytes(target, b);
+        ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+        PackagePtr plain = new_package();
+        EXPECT_EQ(qim_package_load(plain.get(), link.c_str()), ZEL_SUCCESS);
+        PackagePtr refused = new_package();
+        EXPECT_EQ(stderr_of([&] { EXPECT_EQ(qim_package_load_nofollow(refused.get(), link.c_str()), 6u); }), "");
+        PackagePtr direct = new_package();
+        EXPECT_EQ(qim_package_load_nofollow(direct.get(), target.c_str()), ZEL_SUCCESS);
+        qim_file_identity id{};
+        EXPECT_EQ(qim_package_get_file_identity(direct.get(), &id), ZEL_SUCCESS);
+        EXPECT_TRUE(testutil::readFile(target) == std::string(b.begin(), b.end()));
+    }
+    Bytes b = make_v3(two_parts());
+    testutil::TempDir dir;
+    testutil::writeBytes(dir.file("pkg.qim"), b);
+    ASSERT_EQ(symlink(dir.file("pkg.qim").c_str(), dir.file("link.qim").c_str()), 0);
+    PackagePtr pkg = new_package();
+    ASSERT_EQ(qim_package_parse_header(pkg.get(), b.data(), b.size(), nullptr), ZEL_SUCCESS);
+    const std::string link = dir.file("link.qim");
+    EXPECT_EQ(stderr_of([&] {
+                  EXPECT_EQ(qim_internal::check_version3_file_crc(pkg.get(), b.data(), link.c_str(), nullptr, false), 6u);
+              }),
+              "error: cannot reopen " + link + ": " + std::strerror(ELOOP) + "\n");
 }
 
 TEST(Load, EntrySizesBelowAndAbove16) {
