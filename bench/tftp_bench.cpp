@@ -15,7 +15,7 @@
 #include "bench/child_process.h"
 #include "bench/scratch.h"
 #include "bench/stats.h"
-#include "bench/tftp_server.h"
+#include "common/tftpd.h"
 
 namespace bench {
 
@@ -51,12 +51,11 @@ std::string seconds(double s) {
 
 void tftpBenchmarks(const Config& config, Table& table) {
     ScratchDir dir("brivlo-bench-tftp");
-    const std::string root = dir.subdir("root");
     const std::vector<uint8_t> content = patternBytes(kFileSize, 4242);
-    writeBytes(root + "/fw.qim", content.data(), content.size());
-    const std::string probe = "probe";
-    writeBytes(root + "/" + probe, reinterpret_cast<const uint8_t*>("ready"), 5);
-    TftpServer server(root, probe, dir.file("tftpd.log"));
+    // The tests' launcher of Debian's in.tftpd: a free loopback port, a
+    // private served directory, the whole process group stopped at the end.
+    testutil::Tftpd server;
+    server.addFile("fw.qim", std::string(content.begin(), content.end()));
     const std::string port = std::to_string(server.port());
 
     const std::string board = dir.file("board");
