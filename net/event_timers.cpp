@@ -86,6 +86,15 @@ void move(zel_event_timer* timer, const zel_utime& expiry, const zel_utime& peri
     insert_ordered(loop, timer);
 }
 
+// The normalised period (which must be positive) and the first expiry of a
+// periodic timer: `first`, or now + period without one.
+zel_error_t periodic_times(const zel_utime* first, const zel_utime* period, zel_utime* p, zel_utime* expiry) {
+    *p = *period;
+    zel_utime_normalise(p);
+    if (!positive_period(*p)) return ZEL_INVALIDPARAMETER;
+    return expiry_from(first, first == nullptr ? p : nullptr, expiry);
+}
+
 }  // namespace
 
 zel_error_t zel_event_loop__add_timer(zel_event_loop* loop, zel_event_timer_cb callback, const zel_utime* at,
@@ -103,11 +112,8 @@ zel_error_t zel_event_loop__add_periodic_timer(zel_event_loop* loop, zel_event_t
                                                const zel_utime* first, const zel_utime* period, void* context,
                                                zel_event_timer** out) {
     if (loop == nullptr || out == nullptr || period == nullptr || callback == nullptr) return ZEL_INVALIDPARAMETER;
-    zel_utime p = *period;
-    zel_utime_normalise(&p);
-    if (!positive_period(p)) return ZEL_INVALIDPARAMETER;
-    zel_utime expiry;
-    const zel_error_t rc = expiry_from(first, first == nullptr ? &p : nullptr, &expiry);
+    zel_utime p, expiry;
+    const zel_error_t rc = periodic_times(first, period, &p, &expiry);
     if (rc != ZEL_SUCCESS) return rc;
     return add(loop, callback, expiry, p, context, out);
 }
@@ -124,11 +130,8 @@ zel_error_t zel_event_timer__reschedule(zel_event_timer* timer, const zel_utime*
 zel_error_t zel_event_timer__reschedule_periodic(zel_event_timer* timer, const zel_utime* first,
                                                  const zel_utime* period) {
     if (timer == nullptr || period == nullptr) return ZEL_INVALIDPARAMETER;
-    zel_utime p = *period;
-    zel_utime_normalise(&p);
-    if (!positive_period(p)) return ZEL_INVALIDPARAMETER;
-    zel_utime expiry;
-    const zel_error_t rc = expiry_from(first, first == nullptr ? &p : nullptr, &expiry);
+    zel_utime p, expiry;
+    const zel_error_t rc = periodic_times(first, period, &p, &expiry);
     if (rc != ZEL_SUCCESS) return rc;
     move(timer, expiry, p);
     return ZEL_SUCCESS;
