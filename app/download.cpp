@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <iostream>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <utility>
 
 #include "app/status_file.h"
 #include "app/tmp_file.h"
@@ -29,13 +31,36 @@ constexpr uint32_t kTicksPerDot = 150;
 int downloadResult = 0;
 // Progress reports seen since the process started; never reset.
 uint32_t progressTicks = 0;
+// Bytes the last completed request received.
+uint64_t bytesReceived = 0;
+
+// Whether everything received is stored in the file: the client does not
+// look at what its writes return, so a full /tmp (or any failed write,
+// flush or close) shows only here. Closes the file; errno tells why when
+// false (EIO when the only sign is a file shorter than what was received).
+bool storedCompletely(tmp_file::UniqueFile file) {
+    const bool flushed = std::fflush(file.get()) == 0 && std::ferror(file.get()) == 0;
+    struct stat st;
+    const bool sized = ::fstat(fileno(file.get()), &st) == 0 &&
+                       static_cast<uint64_t>(st.st_size) == bytesReceived;
+    const int error = errno;
+    const bool closed = std::fclose(file.release()) == 0;
+    if (!flushed || !closed) {
+        return false;
+    }
+    if (!sized) {
+        errno = error != 0 ? error : EIO;
+        return false;
+    }
+    return true;
+}
 
 }  // namespace
 
 int FlashUpgrader::downloadFile(const std::string& host, const std::string& port,
                                 const std::string& remoteName) {
     // Marked before anything can fail, so a supervisor sees the run start.
-    status_file::writeDownloadPhase(status_file::kStatusPath);
+    status_file::writeDownloadPhase(status_file::kStatusPath, status_file::kTempPath);
 
     zel_sockaddr server{};
     const char* service = port.empty() ? kDefaultTftpService : port.c_str();
@@ -47,11 +72,11 @@ int FlashUpgrader::downloadFile(const std::string& host, const std::string& port
         std::exit(-1);
     }
 
-    // Created or emptied like fopen "w+b", but a symbolic link planted at the
-    // name fails the open with ELOOP instead of emptying the link's target.
-    // Only brivlo reads the firmware back: nobody else needs to read it.
-    tmp_file::UniqueFile file =
-        tmp_file::open(tmp_file::kDownloadPath, tmp_file::Access::kReadWrite, 0600);
+    // Always a file of our own, created afresh: whatever another user left
+    // at the name (a link, a FIFO, a file they keep open) is removed, never
+    // written through. Only brivlo reads the firmware back: nobody else
+    // needs to read it, and nobody else can write it.
+    tmp_file::UniqueFile file = tmp_file::createFresh(tmp_file::kDownloadPath, 0600);
     if (!file) {
         // Formatted before anything else can change errno.
         zel_error_text(zel_error_from_errno(errno), errorText);
@@ -78,7 +103,16 @@ int FlashUpgrader::downloadFile(const std::string& host, const std::string& port
             return ZEL_NOMEMORY;
         }
     }
-    return downloadResult;
+    if (downloadResult != 0) {
+        return downloadResult;
+    }
+    errno = 0;
+    if (!storedCompletely(std::move(file))) {
+        zel_error_text(zel_error_from_errno(errno), errorText);
+        std::cerr << "Error writing local file " << errorText << std::endl;
+        return ZEL_SYSTEM;
+    }
+    return ZEL_SUCCESS;
 }
 
 void FlashUpgrader::tftpRequestCallback(zel_tftp_client_request* request) {
@@ -91,6 +125,7 @@ void FlashUpgrader::tftpRequestCallback(zel_tftp_client_request* request) {
     switch (zel_tftp_client_request__state(request)) {
     case ZEL_TFTP_CLIENT_REQUEST_STATE_COMPLETED:
         downloadResult = 0;
+        bytesReceived = zel_tftp_client_request__bytes_transferred(request);
         std::cout << " " << zel_tftp_client_request__bytes_transferred(request) << " bytes transferred"
                   << std::endl;
         zel_tftp_client_request__reset(request);

@@ -12,16 +12,15 @@
 #include <string>
 #include <vector>
 
-#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
-#include "app/mtd_device.h"
 #include "app/status_file.h"
 #include "app/tmp_file.h"
-#include "qim/file_identity.h"
 #include "qim/package.h"
 #include "qim/report.h"
+#include "support/tmp_file.h"
 
 namespace {
 
@@ -31,17 +30,11 @@ struct PackageFree {
 using UniquePackage = std::unique_ptr<qim_package, PackageFree>;
 
 // Result of writeQimToFlash when a part's bytes cannot be read: the part
-// table promises data that the file does not hold, or the file is gone or no
-// longer the one that was validated, so the package is treated as damaged.
+// table promises data that the file does not hold, so the package is treated
+// as damaged.
 constexpr int kPartReadFailed = static_cast<int>(ZEL_INVALIDDATA);
 
 enum class ReadResult { kOk, kFailed, kNoMemory };
-
-// Whether the file open on `fd` is, unchanged, the one the load validated.
-bool isValidatedFile(int fd, const qim_file_identity& validated) {
-    qim_file_identity now;
-    return qim_file_identity_of(fd, &now) == ZEL_SUCCESS && qim_file_identity_equal(&now, &validated);
-}
 
 // Reads `size` bytes from `position` on, however the kernel splits them.
 bool readFully(int fd, uint64_t position, uint8_t* data, uint32_t size) {
@@ -61,41 +54,24 @@ bool readFully(int fd, uint64_t position, uint8_t* data, uint32_t size) {
     return true;
 }
 
-// Reads the `size` bytes at `position` of the package file into a zero-filled
+// Reads the `size` bytes at `position` of the package into a zero-filled
 // buffer of exactly that size.
 //
-// The file is opened again by name for every part, long after the load
-// validated it, and the name is not ours alone: every download rewrites
-// "/tmp/flashit", and a local package belongs to whoever can write it. Only
-// bytes the checksum pass accepted may reach flash, so the file opened here
-// must be the file the load validated, unchanged: its identity (device,
-// inode, size, modification and status-change times,
-// qim_package_get_file_identity) is compared right after the open and again
-// after the read, which also catches a change while the part is read. A
-// package without that identity (validated file changed during the load)
-// has no part read at all. A file that was replaced by an identical copy or
-// touched is refused too: telling that apart would mean checksumming again.
-//
-// The open does not wait, so a FIFO put in the file's place cannot block us
-// before the comparison refuses it. At the download path it does not follow
-// a symbolic link either: a link there can only have been planted in /tmp,
-// and it must not make us open a device (opening some has effects). An
-// operator's local path is followed as given, like a raw image's; the
-// comparison still admits only the validated file.
+// They come through the descriptor the load validated the package through
+// (qim_package_get_fd), never from the file's name: the name is not ours
+// alone (every download rewrites "/tmp/flashit", and a local package belongs
+// to whoever can write it), but whatever is put at it after the checksum
+// pass, the descriptor still reads the file that passed.
 //
 // The file's length is checked first, so a damaged part table can never make
 // us allocate more than the file holds.
-ReadResult readPartData(const char* path, const qim_file_identity* validated, uint64_t position,
-                        uint32_t size, std::vector<uint8_t>* data) {
-    if (path == nullptr || validated == nullptr) {
+ReadResult readPartData(int fd, uint64_t position, uint32_t size, std::vector<uint8_t>* data) {
+    struct stat st;
+    if (fd < 0 || ::fstat(fd, &st) != 0) {
         return ReadResult::kFailed;
     }
-    const int noFollow = std::strcmp(path, tmp_file::kDownloadPath) == 0 ? O_NOFOLLOW : 0;
-    UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | noFollow));
-    if (!fd.valid() || !isValidatedFile(fd.get(), *validated)) {
-        return ReadResult::kFailed;
-    }
-    if (position > validated->size || size > validated->size - position) {
+    const uint64_t length = static_cast<uint64_t>(st.st_size);
+    if (position > length || size > length - position) {
         return ReadResult::kFailed;
     }
     try {
@@ -103,10 +79,23 @@ ReadResult readPartData(const char* path, const qim_file_identity* validated, ui
     } catch (const std::bad_alloc&) {
         return ReadResult::kNoMemory;
     }
-    if (!readFully(fd.get(), position, data->data(), size) || !isValidatedFile(fd.get(), *validated)) {
-        return ReadResult::kFailed;
+    return readFully(fd, position, data->data(), size) ? ReadResult::kOk : ReadResult::kFailed;
+}
+
+// Loads and validates the package at `path`. The download is a file brivlo
+// has just created at a fixed name in /tmp: it is read only when it is still
+// a regular file of brivlo's user (tmp_file rules), so a link, a FIFO or
+// another user's file swapped in since fails like a file that cannot be
+// opened (6, no message). A local path is the operator's and is followed.
+zel_error_t loadPackage(const char* path, qim_package* package) {
+    if (std::strcmp(path, tmp_file::kDownloadPath) != 0) {
+        return qim_package_load(package, path);
     }
-    return ReadResult::kOk;
+    int fd = -1;
+    if (zel_tmp_file_open_trusted(path, &fd) != ZEL_SUCCESS) {
+        return ZEL_NOMEMORY;
+    }
+    return qim_package_load_fd(package, fd, path);
 }
 
 }  // namespace
@@ -128,12 +117,7 @@ int FlashUpgrader::flashQimFile(const char* path) {
 }
 
 int FlashUpgrader::loadAndCheckQimFile(const char* path, qim_package* package) {
-    // The download is a file brivlo has just written at a fixed name in
-    // /tmp: a link there can only have been swapped in since, so the reader
-    // does not follow one. A local path is the operator's and is followed.
-    const zel_error_t rc = std::strcmp(path, tmp_file::kDownloadPath) == 0
-                               ? qim_package_load_nofollow(package, path)
-                               : qim_package_load(package, path);
+    const zel_error_t rc = loadPackage(path, package);
     if (rc != ZEL_SUCCESS) {
         // The reader has printed its own message.
         return static_cast<int>(rc);
@@ -154,7 +138,7 @@ int FlashUpgrader::writeQimToFlash(qim_package* package) {
     // count is the writers' signed 32-bit count and wraps like it; the
     // record starts before any test, so a refused package leaves it behind.
     const uint32_t total = static_cast<uint32_t>(qim_package_get_total_size(package) * 2u);
-    status_file::writePackagePhase(status_file::kStatusPath, static_cast<int>(total));
+    status_file::writePackagePhase(status_file::kStatusPath, status_file::kTempPath, static_cast<int>(total));
 
     const qim_id packageMfgc = *qim_package_get_mfgc_id(package);
     if (!qim_id_equal(&packageMfgc, &mfgcId) && !qim_id_is_any(&packageMfgc) &&
@@ -167,18 +151,14 @@ int FlashUpgrader::writeQimToFlash(qim_package* package) {
         return ZEL_VERSION;
     }
 
-    // What the load validated; without it no part can be read (readPartData).
-    qim_file_identity validated{};
-    const bool haveValidated = qim_package_get_file_identity(package, &validated) == ZEL_SUCCESS;
-
+    const int validated = qim_package_get_fd(package);
     bool written = false;
     const int parts = qim_package_get_num_parts(package);
     for (int seq = 0; seq < parts; ++seq) {
         uint32_t kind = 0;
-        const char* file = nullptr;
         uint64_t position = 0;
         uint32_t size = 0;
-        if (qim_package_get_part_info(package, seq, &kind, &file, &position, &size, nullptr) !=
+        if (qim_package_get_part_info(package, seq, &kind, nullptr, &position, &size, nullptr) !=
             ZEL_SUCCESS) {
             std::cerr << "writeQimToFlashNo partition match" << std::endl;
             break;
@@ -197,8 +177,7 @@ int FlashUpgrader::writeQimToFlash(qim_package* package) {
         }
 
         std::vector<uint8_t> data;
-        const ReadResult read =
-            readPartData(file, haveValidated ? &validated : nullptr, position, size, &data);
+        const ReadResult read = readPartData(validated, position, size, &data);
         if (read != ReadResult::kOk) {
             std::cerr << "writeQimToFlashError reading from file" << std::endl;
             return read == ReadResult::kNoMemory ? static_cast<int>(ZEL_NOMEMORY) : kPartReadFailed;

@@ -24,11 +24,11 @@ std::string valueText(const std::string& line) {
 // Created readable by all: the supervisor that polls with -S need not be root.
 constexpr mode_t kFileMode = 0644;
 
-// A symbolic link planted at the status file's name is not read either: it
-// counts as a missing file, so -S answers 0 and the writers count from 0,
-// rather than reporting the content of whatever file the link names.
+// Only a regular file owned by root or by brivlo's user is read: a link, a
+// FIFO or another user's file at the name counts as a missing file, so -S
+// answers 0 and the writers count from 0.
 bool readWholeFile(const char* path, std::string* content) {
-    tmp_file::UniqueFile in = tmp_file::open(path, tmp_file::Access::kRead);
+    tmp_file::UniqueFile in = tmp_file::openTrusted(path);
     if (!in) {
         return false;
     }
@@ -45,16 +45,20 @@ bool readWholeFile(const char* path, std::string* content) {
     return true;
 }
 
-// Writes `text` into a fresh (`access` kTruncate) or extended (kAppend) file;
-// false when it could not be opened or written completely.
-bool writeFile(const char* path, tmp_file::Access access, const std::string& text) {
-    tmp_file::UniqueFile out = tmp_file::open(path, access, kFileMode);
+// Writes `text` into a file created afresh at `tempPath` and renames it over
+// `path`, so a reader sees the previous content or the new one whole, never
+// an empty or half-written file. Nothing is renamed when the file could not
+// be created or written completely: `path` keeps its previous content.
+void replaceWith(const char* path, const char* tempPath, const std::string& text) {
+    tmp_file::UniqueFile out = tmp_file::createFresh(tempPath, kFileMode);
     if (!out) {
-        return false;
+        return;
     }
     const bool written = std::fwrite(text.data(), 1, text.size(), out.get()) == text.size();
     // Closed here so that a failed flush of the buffered text counts too.
-    return std::fclose(out.release()) == 0 && written;
+    if (std::fclose(out.release()) == 0 && written) {
+        std::rename(tempPath, path);
+    }
 }
 
 }  // namespace
@@ -157,23 +161,21 @@ int readStartCount(const char* path) {
     return lastCurrent(content);
 }
 
-// The writers ignore every failure (progress reporting never stops an
-// upgrade); a link planted at either name makes the open fail, so the link's
-// target is never written.
-void writeDownloadPhase(const char* path) {
-    writeFile(path, tmp_file::Access::kTruncate, "status=" + std::to_string(kPhaseDownload));
+// The writers ignore every failure: progress reporting never stops an upgrade.
+void writeDownloadPhase(const char* path, const char* tempPath) {
+    replaceWith(path, tempPath, "status=" + std::to_string(kPhaseDownload));
 }
 
-void writePackagePhase(const char* path, int total) {
-    writeFile(path, tmp_file::Access::kTruncate, "status=" + std::to_string(kPhasePackage));
+void writePackagePhase(const char* path, const char* tempPath, int total) {
+    std::string text = "status=" + std::to_string(kPhasePackage);
     if (total != 0) {
-        writeFile(path, tmp_file::Access::kAppend,
-                  "\ntotal=" + std::to_string(total) + "\ncurrent=" + std::to_string(0));
+        text += "\ntotal=" + std::to_string(total) + "\ncurrent=" + std::to_string(0);
     }
+    replaceWith(path, tempPath, text);
 }
 
 void replaceCurrent(const char* path, const char* tempPath, int current) {
-    // A missing (or refused) status file reads as empty: the update then
+    // A missing (or untrusted) status file reads as empty: the update then
     // leaves an empty status file.
     std::string content;
     readWholeFile(path, &content);
@@ -188,13 +190,7 @@ void replaceCurrent(const char* path, const char* tempPath, int current) {
         }
         updated += line + '\n';
     }
-    // Renamed only when the temporary file is complete and closed: a failed
-    // update leaves the previous file in place. Above all, a link planted at
-    // the temporary name is refused by the open and never renamed over the
-    // status file.
-    if (writeFile(tempPath, tmp_file::Access::kTruncate, updated)) {
-        std::rename(tempPath, path);
-    }
+    replaceWith(path, tempPath, updated);
 }
 
 }  // namespace status_file

@@ -2,16 +2,17 @@
 // running upgrade tells other processes (brivlo -S) how far it has got.
 //
 // Lines are separated by a line feed; the last line has none. Values are
-// signed 32-bit decimals. The phase writers truncate the file in place; the
-// progress update goes through a temporary file in the same directory and a
-// rename, so a reader sees either the old or the new content whole. Every
-// open, write and rename result is ignored: progress reporting never stops an
-// upgrade.
+// signed 32-bit decimals. Every writer creates the temporary file in the
+// same directory afresh, writes it and renames it over the status file, so a
+// reader sees either the old or the new content whole, never an empty file.
+// Every open, write and rename result is ignored: progress reporting never
+// stops an upgrade.
 //
-// Both names lie in the world-writable /tmp, so neither is ever opened
-// through a symbolic link (tmp_file::open): a link planted at the status
-// file's name reads as a missing file and is not written through, one at the
-// temporary name makes the progress update fail.
+// Both names lie in the world-writable /tmp. Whatever another user put at the
+// temporary name (a link, a FIFO, a file of theirs) is removed and replaced,
+// never written through (tmp_file::createFresh); at the status file's name it
+// reads as a missing file (tmp_file::openTrusted) and is replaced by the next
+// rename.
 //
 // The functions take the paths as arguments so they can be exercised on
 // private files; the program always passes the two fixed paths below.
@@ -52,7 +53,8 @@ int64_t queryAnswer(const Record& record);
 // The exit status a shell sees for an answer: its low 8 bits, as exit() keeps.
 int answerToExitStatus(int64_t answer);
 
-// The whole query on one file: 0 when it cannot be read or is a symbolic link.
+// The whole query on one file: 0 when it cannot be read or is not trusted
+// (a link, a FIFO, another user's file).
 int64_t queryFile(const char* path);
 
 // `brivlo -S`: answers for kStatusPath and ends the process with exit().
@@ -61,14 +63,15 @@ int64_t queryFile(const char* path);
 // The last valid "current=" value in `content`, or 0 (a damaged line counts as
 // absent, like in the query). The flash writers continue counting from it.
 int lastCurrent(const std::string& content);
-// lastCurrent of the file; 0 when it cannot be read or is a symbolic link.
+// lastCurrent of the file; 0 when it cannot be read or is not trusted.
 int readStartCount(const char* path);
 
-// "status=1": a download has started. Truncates the file in place.
-void writeDownloadPhase(const char* path);
+// "status=1": a download has started. Written into `tempPath`, then renamed
+// over `path`.
+void writeDownloadPhase(const char* path, const char* tempPath);
 // "status=2", and when `total` is not 0 also "total=" `total` and "current=0"
-// on the next lines: a package write has started.
-void writePackagePhase(const char* path, int total);
+// on the next lines: a package write has started. Renamed into place too.
+void writePackagePhase(const char* path, const char* tempPath, int total);
 
 // Copies `path` to `tempPath` line by line up to the first "current=" line,
 // which is replaced by "current=" `current` (lines after it are dropped),

@@ -2,43 +2,16 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <unistd.h>
+
+#include "support/tmp_file.h"
 
 namespace tmp_file {
 
 namespace {
 
-struct AccessMode {
-    int flags;
-    const char* stdioMode;
-};
-
-AccessMode accessMode(Access access) {
-    switch (access) {
-    case Access::kTruncate:
-        return {O_WRONLY | O_CREAT | O_TRUNC, "wb"};
-    case Access::kAppend:
-        return {O_WRONLY | O_CREAT | O_APPEND, "ab"};
-    case Access::kReadWrite:
-        return {O_RDWR | O_CREAT | O_TRUNC, "w+b"};
-    case Access::kRead:
-        break;
-    }
-    return {O_RDONLY, "rb"};
-}
-
-}  // namespace
-
-UniqueFile open(const char* path, Access access, mode_t createMode) {
-    const AccessMode mode = accessMode(access);
-    // O_CLOEXEC: nothing brivlo might start should inherit these descriptors.
-    const int fd = ::open(path, mode.flags | O_NOFOLLOW | O_CLOEXEC, createMode);
-    if (fd < 0) {
-        return nullptr;
-    }
-    // fdopen with "w" neither truncates nor creates again: open did both.
-    UniqueFile file(::fdopen(fd, mode.stdioMode));
+UniqueFile streamOf(int fd, const char* mode) {
+    UniqueFile file(::fdopen(fd, mode));
     if (!file) {
         const int error = errno;
         ::close(fd);
@@ -47,9 +20,28 @@ UniqueFile open(const char* path, Access access, mode_t createMode) {
     return file;
 }
 
+}  // namespace
+
+UniqueFile createFresh(const char* path, mode_t mode) {
+    int fd = -1;
+    if (zel_tmp_file_create(path, mode, &fd) != ZEL_SUCCESS) {
+        return nullptr;
+    }
+    // fdopen with "w" neither truncates nor creates again: the file is new.
+    return streamOf(fd, "w+b");
+}
+
+UniqueFile openTrusted(const char* path) {
+    int fd = -1;
+    if (zel_tmp_file_open_trusted(path, &fd) != ZEL_SUCCESS) {
+        return nullptr;
+    }
+    return streamOf(fd, "rb");
+}
+
 UniqueFile openImage(const char* path) {
     if (std::strcmp(path, kDownloadPath) == 0) {
-        return open(path, Access::kRead);
+        return openTrusted(path);
     }
     return UniqueFile(std::fopen(path, "rb"));
 }

@@ -1,15 +1,13 @@
-// Opening the files brivlo keeps at fixed names in /tmp.
+// The files brivlo keeps at fixed names in /tmp, as stdio streams.
 //
-// /tmp is writable by every user, and brivlo runs as root: another user can
-// plant a symbolic link at one of the fixed names (/tmp/flashit ->
-// /etc/shadow) before brivlo gets there, and a plain fopen would then truncate
-// or write the link's target. These opens never follow a link at the last
-// component of the path (O_NOFOLLOW): the open fails with ELOOP instead, and
-// the caller treats that like any other failure to open. rename() and
-// remove() act on a link itself, never on its target, so they need no care.
+// /tmp is writable by every user and brivlo runs as root, so whatever stands
+// at one of the fixed names may have been put there by someone else: a
+// symbolic link to a system file, a FIFO that would block the open, a file of
+// another user who keeps it open and writes into it. brivlo therefore never
+// writes into a file it did not just create (createFresh) and never reads a
+// file it cannot trust (openTrusted); the rules live in support/tmp_file.h.
 //
-// Every function returns a stdio stream owned by the caller, or null with
-// errno telling why (untouched by the cleanup after a failed step).
+// Both return a stream owned by the caller, or null with errno telling why.
 #pragma once
 
 #include <cstdio>
@@ -26,23 +24,19 @@ struct FileCloser {
 };
 using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 
-// The fopen modes these files are used with, binary throughout.
-enum class Access {
-    kRead,       // "rb"
-    kTruncate,   // "wb": created with `createMode` or emptied
-    kAppend,     // "ab": created with `createMode`, written at the end
-    kReadWrite,  // "w+b": created with `createMode` or emptied, readable too
-};
+// A new empty file at `path`, open for reading and writing ("w+b"), created
+// with `mode` (before the umask) after whatever was at the name is removed.
+UniqueFile createFresh(const char* path, mode_t mode);
 
-// Opens `path` like fopen with the mode of `access`, refusing a symbolic link
-// at `path` (ELOOP). `createMode` (before the umask) applies to a file that
-// did not exist.
-UniqueFile open(const char* path, Access access, mode_t createMode = 0644);
+// `path` open for reading ("rb") when it is a regular file owned by root or
+// by brivlo's user, reached without following a link and without blocking;
+// null for anything else, as for a missing file.
+UniqueFile openTrusted(const char* path);
 
-// fopen(path, "rb") for a file brivlo flashes. At kDownloadPath a symbolic
-// link is refused: the file there is one brivlo has just written, so a link
-// can only have been swapped in since. Any other path is the operator's
-// choice and is followed as given.
+// fopen(path, "rb") for a file brivlo flashes. The download path is opened
+// with openTrusted: the file there is one brivlo has just written, so
+// anything else can only have been swapped in since. Any other path is the
+// operator's choice and is followed as given.
 UniqueFile openImage(const char* path);
 
 }  // namespace tmp_file

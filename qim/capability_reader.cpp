@@ -9,6 +9,7 @@
 #include "qim/capability.h"
 #include "qim/crc32.h"
 #include "qim/package_internal.h"
+#include "support/tmp_file.h"
 
 using qim_internal::UniqueFile;
 
@@ -121,11 +122,15 @@ zel_error_t cap_open_with_marker(FILE** out, uint8_t header[CAP_HEADER_SIZE], co
     if (marker_path != nullptr) {
         // An empty file whose existence says that the record passed the CRC
         // test; failing to create it changes nothing for the caller. The
-        // marker lives in the world-writable /tmp: a symbolic link planted at
-        // its name is refused (O_NOFOLLOW), so the link's target is never
-        // created; without O_TRUNC an existing file is not changed either.
-        int fd = ::open(marker_path, O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
-        if (fd >= 0) ::close(fd);
+        // marker lives in the world-writable /tmp: a marker of our own is
+        // left as it is, anything else at the name (a link, a FIFO, another
+        // user's file) is removed and a new marker created in its place, so
+        // nothing is created through a link and no open waits on a FIFO.
+        int fd = -1;
+        if (zel_tmp_file_open_trusted(marker_path, &fd) == ZEL_SUCCESS ||
+            zel_tmp_file_create(marker_path, 0644, &fd) == ZEL_SUCCESS) {
+            ::close(fd);
+        }
     }
 
     uint8_t head[CAP_HEADER_SIZE];

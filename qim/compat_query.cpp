@@ -1,6 +1,8 @@
 #include "qim/compat_query.h"
 
 #include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 #include <memory>
 #include <new>
 
@@ -44,10 +46,19 @@ void name_first_model(qim_compat_info* r, const qim_id* id, const char* name) {
     }
 }
 
-// Opens a part's file at the start of its data.
-UniqueFile open_part(const qim_part* p) {
-    if (p->path == nullptr) return UniqueFile();
-    UniqueFile f(std::fopen(p->path, "rb"));
+// Opens a part's file at the start of its data. A loaded package is read
+// through the descriptor it was validated through (a duplicate, so the
+// package's own descriptor stays open), never by its name again.
+UniqueFile open_part(const qim_package* pkg, const qim_part* p) {
+    UniqueFile f;
+    if (pkg->fd >= 0) {
+        const int fd = ::fcntl(pkg->fd, F_DUPFD_CLOEXEC, 0);
+        if (fd < 0) return UniqueFile();
+        f.reset(::fdopen(fd, "rb"));
+        if (!f) ::close(fd);
+    } else if (p->path != nullptr) {
+        f.reset(std::fopen(p->path, "rb"));
+    }
     if (f && !qim_internal::seek_to(f.get(), static_cast<uint64_t>(p->data_start) + p->offset)) {
         f.reset();
     }
@@ -56,14 +67,14 @@ UniqueFile open_part(const qim_part* p) {
 
 // Reads the capability record that a "cap1" part holds. The record must lie
 // within the part: its length may not pass the part's size.
-bool read_cap1(const qim_part* p, cap_record* rec) {
-    UniqueFile f = open_part(p);
+bool read_cap1(const qim_package* pkg, const qim_part* p, cap_record* rec) {
+    UniqueFile f = open_part(pkg, p);
     if (!f || cap_read_record(rec, f.get()) != ZEL_SUCCESS) return false;
     return qim_get_be16(rec->data + CAP_OFF_LENGTH) <= p->size;
 }
 
-bool read_capu(const qim_part* p, capu_identity* id) {
-    UniqueFile f = open_part(p);
+bool read_capu(const qim_package* pkg, const qim_part* p, capu_identity* id) {
+    UniqueFile f = open_part(pkg, p);
     return f && capu_read_identity(f.get(), p->size, id) == ZEL_SUCCESS;
 }
 
@@ -99,7 +110,7 @@ zel_error_t gather_version3(const qim_package* pkg, const qim_id* wanted_model,
     }
     for (const qim_part* p = pkg->parts; p != nullptr; p = p->next) {
         if (p->part_id == kPartCap1) {
-            if (read_cap1(p, rec) && rec->sections[CAP_REF_MANF] != nullptr) {
+            if (read_cap1(pkg, p, rec) && rec->sections[CAP_REF_MANF] != nullptr) {
                 ManfFacts f;
                 manf_facts(rec->sections[CAP_REF_MANF], &f);
                 copy_name(r->mfgc_name, f.mfgc_name);
@@ -107,7 +118,7 @@ zel_error_t gather_version3(const qim_package* pkg, const qim_id* wanted_model,
             }
         } else if (p->part_id == kPartCapu) {
             capu_identity id;
-            if (read_capu(p, &id)) {
+            if (read_capu(pkg, p, &id)) {
                 copy_name(r->mfgc_name, id.mfgc_name);
                 name_first_model(r, &id.model_id, id.model_name);
             }
@@ -122,7 +133,7 @@ zel_error_t gather_version2(const qim_package* pkg, const qim_id* wanted_model,
     for (const qim_part* p = pkg->parts; p != nullptr; p = p->next) {
         if (!qim_package_part_matches_model(pkg, wanted_model, p->part_seq_num)) continue;
         *status = ZEL_SUCCESS;
-        if (p->part_id != kPartCap1 || !read_cap1(p, rec)) continue;
+        if (p->part_id != kPartCap1 || !read_cap1(pkg, p, rec)) continue;
         const uint8_t* manf = rec->sections[CAP_REF_MANF];
         if (manf == nullptr) {
             if (append_model(r, &QIM_MODEL_ID_ANY, "") == nullptr) return ZEL_NOMEMORY;

@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "qim/file_identity.h"
 #include "qim/qim_id.h"
 #include "support/errors.h"
 
@@ -44,10 +43,9 @@ struct qim_package {
     qim_header* header;  // null until a load (or the builder) gives it one
     qim_part* parts;     // in part-table order
     qim_model* models;   // in model-table order
-    // The file a successful load validated, as its checksum pass saw it; see
-    // qim_package_get_file_identity. False for every other package.
-    bool has_file_identity;
-    qim_file_identity file_identity;
+    // The descriptor a successful load validated the file through, owned;
+    // -1 for every other package. See qim_package_get_fd.
+    int fd = -1;
 };
 
 // The device code of the board this build runs on.
@@ -59,10 +57,9 @@ zel_error_t qim_package_create(qim_package** out);
 // Frees the package and everything it owns; null is accepted.
 void qim_package_free(qim_package* pkg);
 
-// Loads and validates `path`: header and tables from the first 512 bytes,
-// then the whole-file checksum. Messages of refused files go to stderr.
-//   6  the file cannot be opened or read (also when it cannot be opened again
-//      for the checksum pass, which prints "error: cannot reopen ...")
+// Loads and validates `path`: opens it once and hands the descriptor to
+// qim_package_load_fd. Messages of refused files go to stderr.
+//   6  the file cannot be opened or read
 //   4  shorter than 64 bytes, tables outside the bytes read, bad checksums
 //   3  wrong magic (also for null arguments)
 //   6  the package already has a header
@@ -71,23 +68,21 @@ void qim_package_free(qim_package* pkg);
 // only be freed.
 zel_error_t qim_package_load(qim_package* pkg, const char* path);
 
-// qim_package_load, but every open of `path` refuses a symbolic link at its
-// last component, as an open that fails: 6 without a message at the header
-// read; at the checksum pass the refusals an unopenable file gets there
-// (version 3: 6 with "error: cannot reopen ..."; version 2: 4 with the
-// bad-checksum message). For files at fixed names in a world-writable
-// directory, where a link can only have been planted by someone else.
-zel_error_t qim_package_load_nofollow(qim_package* pkg, const char* path);
+// Loads and validates the file open on `fd` (read with pread from its start;
+// the descriptor's position is neither used nor moved): header and tables
+// from its first 512 bytes, then the whole-file checksum, with the codes and
+// messages of qim_package_load. `path` names the file in messages and in the
+// part records. The package takes `fd` over whatever the result: it keeps it
+// after a successful load (qim_package_get_fd, closed by qim_package_free)
+// and closes it at once otherwise (also for null arguments, 3).
+zel_error_t qim_package_load_fd(qim_package* pkg, int fd, const char* path);
 
-// The identity of the file that qim_package_load validated: taken when the
-// checksum pass had read the file to its end, and kept only when it equals the
-// identity of the file the header was read from, taken before that read, so
-// the file did not change while it was being validated. Whoever reads part
-// data by name later compares the file it opens with it. 0 and *out set;
-// 3 for null arguments; 11 (NOTFOUND) when there is none: the package was not
-// loaded from a file, the load failed, or the file changed (or could not be
-// fstat'ed) during the load. *out is untouched on failure.
-zel_error_t qim_package_get_file_identity(const qim_package* pkg, qim_file_identity* out);
+// The descriptor through which a successful load validated the package, or
+// -1 (not loaded from a file, or the load failed). Whoever needs the
+// validated bytes later (part data, a signature) reads them with pread from
+// this descriptor, never by opening the name again: the name may meanwhile
+// lead to another file, the descriptor cannot. Still owned by the package.
+int qim_package_get_fd(const qim_package* pkg);
 
 // The header-and-tables step of qim_package_load over the first `length`
 // bytes of a file in `buf`. `path` (may be null) names the file for the

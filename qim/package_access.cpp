@@ -67,13 +67,6 @@ zel_error_t qim_package_get_part_info(const qim_package* pkg, int seq, uint32_t*
     return ZEL_SUCCESS;
 }
 
-zel_error_t qim_package_get_file_identity(const qim_package* pkg, qim_file_identity* out) {
-    if (pkg == nullptr || out == nullptr) return ZEL_INVALIDPARAMETER;
-    if (!pkg->has_file_identity) return ZEL_NOTFOUND;
-    *out = pkg->file_identity;
-    return ZEL_SUCCESS;
-}
-
 bool qim_package_find_model_for_part(const qim_package* pkg, const qim_id* model, int seq,
                                      qim_id* found_model) {
     if (pkg == nullptr || seq < 0 || seq >= 32) return false;  // a mask has 32 bits

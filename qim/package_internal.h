@@ -18,11 +18,6 @@ struct FileCloser {
 // A stdio stream closed exactly once, on every return.
 using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 
-// Opens `path` for reading like fopen(path, "rb"). Without `follow_links` a
-// symbolic link at the last component is refused (null, errno ELOOP), so a
-// link swapped in at a fixed name in /tmp is never read through.
-UniqueFile open_for_reading(const char* path, bool follow_links);
-
 // Moves to a 64-bit position (the target's long is 32 bits wide).
 bool seek_to(FILE* f, uint64_t position);
 
@@ -44,27 +39,15 @@ void append_model(qim_package* pkg, qim_model* model);
 // print one "error: ..." line on stderr.
 zel_error_t copy_part_data(const qim_part* part, FILE* out, uint32_t* crc, uint32_t* sum);
 
-// What a checksum pass saw of the file it read: its identity, taken after the
-// last byte was read (`known` false when there was no file or fstat failed).
-struct SeenFile {
-    bool known = false;
-    qim_file_identity identity{};
-};
-
 // The whole-file CRC test of a loaded version-3 header: the first 64 bytes
-// from `buf` (its checksum field is zeroed here), the rest read again from
-// `path` from byte 64 on. 0; 4 with the bad-checksum message; 6 with
-// "error: cannot reopen ..." or "error: cannot read ..." when the file
-// cannot be opened or read a second time. `seen` (may be null) receives the
-// file's identity once it was read to the end. `follow_links` as for
-// open_for_reading.
-zel_error_t check_version3_file_crc(const qim_package* pkg, uint8_t* buf, const char* path,
-                                    SeenFile* seen = nullptr, bool follow_links = true);
+// from `buf` (its checksum field is zeroed here), the rest read with pread
+// from `fd` from byte 64 on. 0; 4 with the bad-checksum message; 6 with
+// "error: cannot read PATH: ..." when reading fails.
+zel_error_t check_version3_file_crc(const qim_package* pkg, uint8_t* buf, int fd, const char* path);
 
-// qim_package_parse_header, with `seen` (may be null) receiving the identity
-// of the file the version-2 byte sum read, which opens `path` as
-// open_for_reading does with `follow_links`.
+// qim_package_parse_header, with the version-2 byte sum read from `fd` when
+// it is not -1 (a load), else from the file named `path`.
 zel_error_t parse_header(qim_package* pkg, const uint8_t* buf, std::size_t length, const char* path,
-                         SeenFile* seen, bool follow_links = true);
+                         int fd);
 
 }  // namespace qim_internal

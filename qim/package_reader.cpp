@@ -13,7 +13,6 @@
 #include "qim/package_format.h"
 #include "qim/package_internal.h"
 
-using qim_internal::UniqueFile;
 namespace fmt = qimfmt;
 
 namespace {
@@ -22,34 +21,41 @@ void print_bad_checksum(uint32_t computed, uint32_t expected) {
     std::fprintf(stderr, "error: bad checksum: calculated %x, expected %x\n", computed, expected);
 }
 
-// Fills `seen` (when given) with the identity of the stream's file.
-void record_seen(FILE* f, qim_internal::SeenFile* seen) {
-    if (seen != nullptr) {
-        seen->known = qim_file_identity_of(fileno(f), &seen->identity) == ZEL_SUCCESS;
+// Reads up to `length` bytes from `position` on; the count read (fewer only
+// at the end of the file), or -1 when reading fails.
+long long read_at(int fd, uint64_t position, uint8_t* data, std::size_t length) {
+    std::size_t done = 0;
+    while (done < length) {
+        const ssize_t got = ::pread(fd, data + done, length - done, static_cast<off_t>(position + done));
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return -1;
+        if (got == 0) break;
+        done += static_cast<std::size_t>(got);
     }
+    return static_cast<long long>(done);
 }
 
 // The folded byte sum of the whole file less the stored checksum field, or
-// the "unreadable" value when there is no file to read.
-uint32_t version2_file_sum(const char* path, const uint8_t* header, qim_internal::SeenFile* seen,
-                           bool follow_links) {
-    if (path == nullptr) {
-        return fmt::v2::kUnreadableSum;
+// the "unreadable" value when there is no file to read. The file is the one
+// open on `fd` when there is one (a load), else the one named `path`.
+uint32_t version2_file_sum(int fd, const char* path, const uint8_t* header) {
+    int opened = -1;
+    if (fd < 0) {
+        if (path == nullptr) return fmt::v2::kUnreadableSum;
+        opened = ::open(path, O_RDONLY | O_CLOEXEC);
+        if (opened < 0) return fmt::v2::kUnreadableSum;
+        fd = opened;
     }
-    UniqueFile f = qim_internal::open_for_reading(path, follow_links);
-    if (!f) {
-        return fmt::v2::kUnreadableSum;
-    }
-    unsigned char chunk[fmt::kChunk];
+    uint8_t chunk[fmt::kChunk];
     uint32_t sum = 0;
-    std::size_t got;
-    while ((got = std::fread(chunk, 1, sizeof chunk, f.get())) > 0) {
-        sum = qim_byte_sum_update(sum, chunk, got);
+    uint64_t position = 0;
+    long long got;
+    while ((got = read_at(fd, position, chunk, sizeof chunk)) > 0) {
+        sum = qim_byte_sum_update(sum, chunk, static_cast<std::size_t>(got));
+        position += static_cast<uint64_t>(got);
     }
-    if (std::ferror(f.get())) {
-        return fmt::v2::kUnreadableSum;
-    }
-    record_seen(f.get(), seen);
+    if (opened >= 0) ::close(opened);
+    if (got < 0) return fmt::v2::kUnreadableSum;
     sum -= qim_byte_sum_update(0, header + fmt::v2::kOffChecksum, 4);
     return qim_byte_sum_fold(sum);
 }
@@ -77,7 +83,7 @@ uint32_t low_bits_mask(uint32_t count) {
 }
 
 zel_error_t parse_version2(qim_package* pkg, const uint8_t* buf, std::size_t length,
-                           const char* path, qim_internal::SeenFile* seen, bool follow_links) {
+                           const char* path, int fd) {
     qim_header* h = pkg->header;
     h->device_code = qim_get_be32(buf + fmt::v2::kOffDeviceCode);
     h->product_version = qim_get_be32(buf + fmt::v2::kOffProductVersion);
@@ -85,7 +91,7 @@ zel_error_t parse_version2(qim_package* pkg, const uint8_t* buf, std::size_t len
     h->mfgc_id = QIM_MFGC_ID_ANY;
     h->header_checksum = 0;
 
-    uint32_t computed = version2_file_sum(path, buf, seen, follow_links);
+    uint32_t computed = version2_file_sum(fd, path, buf);
     if (computed != h->checksum) {
         print_bad_checksum(computed, h->checksum);
         return ZEL_INVALIDDATA;
@@ -182,44 +188,21 @@ zel_error_t parse_version3(qim_package* pkg, const uint8_t* buf, std::size_t len
 
 namespace qim_internal {
 
-UniqueFile open_for_reading(const char* path, bool follow_links) {
-    if (follow_links) {
-        return UniqueFile(std::fopen(path, "rb"));
-    }
-    const int fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0) {
-        return nullptr;
-    }
-    UniqueFile f(::fdopen(fd, "rb"));
-    if (!f) {
-        const int saved = errno;
-        ::close(fd);
-        errno = saved;
-    }
-    return f;
-}
-
-zel_error_t check_version3_file_crc(const qim_package* pkg, uint8_t* buf, const char* path,
-                                    SeenFile* seen, bool follow_links) {
+zel_error_t check_version3_file_crc(const qim_package* pkg, uint8_t* buf, int fd, const char* path) {
     std::memset(buf + fmt::v3::kOffChecksum, 0, 4);
     uint32_t crc = crc32_update(CRC32_INIT, buf, fmt::v3::kHeaderSize);
-
-    UniqueFile f = open_for_reading(path, follow_links);
-    if (!f || !qim_internal::seek_to(f.get(), fmt::v3::kHeaderSize)) {
-        // The file was readable a moment ago: say why the second open failed.
-        std::fprintf(stderr, "error: cannot reopen %s: %s\n", path, std::strerror(errno));
+    uint8_t chunk[fmt::kChunk];
+    uint64_t position = fmt::v3::kHeaderSize;
+    long long got;
+    while ((got = read_at(fd, position, chunk, sizeof chunk)) > 0) {
+        crc = crc32_update(crc, chunk, static_cast<std::size_t>(got));
+        position += static_cast<uint64_t>(got);
+    }
+    if (got < 0) {
+        std::fprintf(stderr, "error: cannot read %s: %s\n", path != nullptr ? path : "package",
+                     std::strerror(errno));
         return ZEL_NOMEMORY;
     }
-    unsigned char chunk[fmt::kChunk];
-    std::size_t got;
-    while ((got = std::fread(chunk, 1, sizeof chunk, f.get())) > 0) {
-        crc = crc32_update(crc, chunk, got);
-    }
-    if (std::ferror(f.get())) {
-        std::fprintf(stderr, "error: cannot read %s: %s\n", path, std::strerror(errno));
-        return ZEL_NOMEMORY;
-    }
-    record_seen(f.get(), seen);
     crc = ~crc;
     if (crc != pkg->header->checksum) {
         print_bad_checksum(crc, pkg->header->checksum);
@@ -252,13 +235,13 @@ void qim_package_free(qim_package* pkg) {
         delete m;
         m = next;
     }
+    if (pkg->fd >= 0) ::close(pkg->fd);
     delete pkg->header;
     delete pkg;
 }
 
 zel_error_t qim_internal::parse_header(qim_package* pkg, const uint8_t* buf, std::size_t length,
-                                       const char* path, qim_internal::SeenFile* seen,
-                                       bool follow_links) {
+                                       const char* path, int fd) {
     if (pkg == nullptr || buf == nullptr) return ZEL_INVALIDPARAMETER;
     if (length < fmt::kMinFileSize) {
         return ZEL_INVALIDDATA;
@@ -280,7 +263,7 @@ zel_error_t qim_internal::parse_header(qim_package* pkg, const uint8_t* buf, std
 
     switch (pkg->header->version_major) {
         case 2:
-            return parse_version2(pkg, buf, length, path, seen, follow_links);
+            return parse_version2(pkg, buf, length, path, fd);
         case 3:
             return parse_version3(pkg, buf, length, path);
         default:
@@ -293,48 +276,45 @@ zel_error_t qim_internal::parse_header(qim_package* pkg, const uint8_t* buf, std
 
 zel_error_t qim_package_parse_header(qim_package* pkg, const uint8_t* buf, std::size_t length,
                                      const char* path) {
-    return qim_internal::parse_header(pkg, buf, length, path, nullptr);
+    return qim_internal::parse_header(pkg, buf, length, path, -1);
 }
 
-namespace {
-
-zel_error_t load(qim_package* pkg, const char* path, bool follow_links) {
+zel_error_t qim_package_load(qim_package* pkg, const char* path) {
     if (pkg == nullptr || path == nullptr) return ZEL_INVALIDPARAMETER;
+    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return ZEL_NOMEMORY;
+    return qim_package_load_fd(pkg, fd, path);
+}
+
+zel_error_t qim_package_load_fd(qim_package* pkg, int fd, const char* path) {
+    // The package owns the descriptor from here on: it keeps it only when
+    // everything read through it was valid.
+    struct FdCloser {
+        int fd;
+        ~FdCloser() {
+            if (fd >= 0) ::close(fd);
+        }
+    } owned{fd};
+    if (pkg == nullptr || path == nullptr || fd < 0) return ZEL_INVALIDPARAMETER;
     std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[fmt::kReadLimit]);
     if (!buf) return ZEL_NOMEMORY;
 
-    // The file is opened twice, for the header and for the checksum pass.
-    // Its identity before the header read and after the checksum pass must
-    // agree, or what was validated is not one state of one file: then the
-    // package keeps no identity, and readers that compare against it refuse.
-    std::size_t length;
-    qim_internal::SeenFile opened;
-    {
-        UniqueFile f = qim_internal::open_for_reading(path, follow_links);
-        if (!f) return ZEL_NOMEMORY;
-        record_seen(f.get(), &opened);
-        length = std::fread(buf.get(), 1, fmt::kReadLimit, f.get());
-    }
-    qim_internal::SeenFile summed;
-    zel_error_t rc = qim_internal::parse_header(pkg, buf.get(), length, path, &summed,
-                                                  follow_links);
+    // Header, tables and checksums all come through this one descriptor,
+    // never by opening the name again: whatever is put at the name meanwhile,
+    // the bytes validated are the bytes of this file.
+    const long long length = read_at(fd, 0, buf.get(), fmt::kReadLimit);
+    if (length < 0) return ZEL_NOMEMORY;
+    zel_error_t rc = qim_internal::parse_header(pkg, buf.get(), static_cast<std::size_t>(length), path, fd);
     if (rc == ZEL_SUCCESS && pkg->header->version_major == 3) {
-        rc = qim_internal::check_version3_file_crc(pkg, buf.get(), path, &summed, follow_links);
+        rc = qim_internal::check_version3_file_crc(pkg, buf.get(), fd, path);
     }
-    if (rc == ZEL_SUCCESS && opened.known && summed.known &&
-        qim_file_identity_equal(&opened.identity, &summed.identity)) {
-        pkg->has_file_identity = true;
-        pkg->file_identity = summed.identity;
+    if (rc == ZEL_SUCCESS) {
+        pkg->fd = fd;
+        owned.fd = -1;
     }
     return rc;
 }
 
-}  // namespace
-
-zel_error_t qim_package_load(qim_package* pkg, const char* path) {
-    return load(pkg, path, true);
-}
-
-zel_error_t qim_package_load_nofollow(qim_package* pkg, const char* path) {
-    return load(pkg, path, false);
+int qim_package_get_fd(const qim_package* pkg) {
+    return pkg != nullptr ? pkg->fd : -1;
 }

@@ -5,9 +5,9 @@
 #include <cstring>
 #include <tuple>
 
+#include <fcntl.h>
 #include <unistd.h>
 
-#include "qim/file_identity.h"
 #include "qim/package.h"
 #include "qim/package_internal.h"
 #include "qim_test_util.h"
@@ -81,50 +81,41 @@ TEST(Load, MissingFileAndSecondLoad) {
               "error: loading qim into qim that already has a header\n");
 }
 
-TEST(Load, FileThatCannotBeOpenedAgainIsReported) {
-    // The file CRC pass opens the file a second time; when it has gone in
-    // between, that is said instead of reading through a null stream.
-    const std::string gone = testutil::TempDir().file("gone.qim");
-    Bytes b = image('3', {});
-    PackagePtr pkg = new_package();
-    ASSERT_EQ(qim_package_parse_header(pkg.get(), b.data(), 512, gone.c_str()), ZEL_SUCCESS);
-    const std::string err = stderr_of(
-        [&] { EXPECT_EQ(qim_internal::check_version3_file_crc(pkg.get(), b.data(), gone.c_str()), 6u); });
-    EXPECT_EQ(err, "error: cannot reopen " + gone + ": No such file or directory\n");
-}
+bool isOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
-// The nofollow load refuses a link at the path as a file it cannot open, at
-// the header read (6, silent) and at the version-3 checksum pass ("cannot
-// reopen"); the plain load follows it. The link's target is only read.
-TEST(Load, NofollowRefusesALinkThePlainLoadFollows) {
-    for (const Bytes& b : {make_v3(two_parts()), make_v2({{1, 0, filled(600, 3)}})}) {
-        SCOPED_TRACE(get32(b, 8));
-        testutil::TempDir dir;
-        const std::string target = dir.file("pkg.qim");
-        const std::string link = dir.file("link.qim");
-        testutil::writeBytes(target, b);
-        ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
-        PackagePtr plain = new_package();
-        EXPECT_EQ(qim_package_load(plain.get(), link.c_str()), ZEL_SUCCESS);
-        PackagePtr refused = new_package();
-        EXPECT_EQ(stderr_of([&] { EXPECT_EQ(qim_package_load_nofollow(refused.get(), link.c_str()), 6u); }), "");
-        PackagePtr direct = new_package();
-        EXPECT_EQ(qim_package_load_nofollow(direct.get(), target.c_str()), ZEL_SUCCESS);
-        qim_file_identity id{};
-        EXPECT_EQ(qim_package_get_file_identity(direct.get(), &id), ZEL_SUCCESS);
-        EXPECT_TRUE(testutil::readFile(target) == std::string(b.begin(), b.end()));
+// Header, tables and checksums come through the one descriptor, never from
+// the name again: a package whose name is given to other bytes right after
+// the open validates as the file that was opened, good or damaged. The
+// package keeps the descriptor of a good file and closes that of a bad one.
+TEST(LoadFd, EveryByteComesThroughTheOneDescriptor) {
+    for (const Bytes& good : {make_v3(two_parts()), make_v2({{1, 0, filled(600, 3)}})}) {
+        SCOPED_TRACE(get32(good, 8));
+        Bytes damaged = good;
+        damaged.back() ^= 0xFF;
+        for (const bool openedGood : {true, false}) {
+            testutil::TempDir dir;
+            const std::string path = dir.file("pkg.qim");
+            testutil::writeBytes(path, openedGood ? good : damaged);
+            const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+            ASSERT_GE(fd, 0);
+            testutil::writeBytes(dir.file("other"), openedGood ? damaged : good);
+            ASSERT_EQ(std::rename(dir.file("other").c_str(), path.c_str()), 0);
+            PackagePtr pkg = new_package();
+            std::string err = stderr_of([&] {
+                EXPECT_EQ(qim_package_load_fd(pkg.get(), fd, path.c_str()), openedGood ? ZEL_SUCCESS : ZEL_INVALIDDATA);
+            });
+            EXPECT_EQ(err.empty(), openedGood) << err;
+            EXPECT_EQ(qim_package_get_fd(pkg.get()), openedGood ? fd : -1);
+            EXPECT_EQ(isOpen(fd), openedGood);
+            pkg.reset();
+            EXPECT_FALSE(isOpen(fd)) << "the package does not close its descriptor";
+        }
     }
-    Bytes b = make_v3(two_parts());
-    testutil::TempDir dir;
-    testutil::writeBytes(dir.file("pkg.qim"), b);
-    ASSERT_EQ(symlink(dir.file("pkg.qim").c_str(), dir.file("link.qim").c_str()), 0);
-    PackagePtr pkg = new_package();
-    ASSERT_EQ(qim_package_parse_header(pkg.get(), b.data(), b.size(), nullptr), ZEL_SUCCESS);
-    const std::string link = dir.file("link.qim");
-    EXPECT_EQ(stderr_of([&] {
-                  EXPECT_EQ(qim_internal::check_version3_file_crc(pkg.get(), b.data(), link.c_str(), nullptr, false), 6u);
-              }),
-              "error: cannot reopen " + link + ": " + std::strerror(ELOOP) + "\n");
+    const int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(qim_package_load_fd(nullptr, fd, "x"), ZEL_INVALIDPARAMETER);
+    EXPECT_FALSE(isOpen(fd));
+    EXPECT_EQ(qim_package_get_fd(nullptr), -1);
+    EXPECT_EQ(qim_package_get_fd(new_package().get()), -1);
 }
 
 TEST(Load, EntrySizesBelowAndAbove16) {
