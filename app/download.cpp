@@ -33,26 +33,39 @@ int downloadResult = 0;
 uint32_t progressTicks = 0;
 // Bytes the last completed request received.
 uint64_t bytesReceived = 0;
+// errno of the first write into the download file that stored less than it
+// was given (0: none so far).
+int writeError = 0;
 
-// Whether everything received is stored in the file: the client does not
-// look at what its writes return, so a full /tmp (or any failed write,
-// flush or close) shows only here. Closes the file; errno tells why when
-// false (EIO when the only sign is a file shorter than what was received).
+// The client's write function: fwrite, remembering why the first short
+// write fell short. The client itself does not look at the result.
+size_t storeData(const void* data, size_t size, size_t count, FILE* file) {
+    const size_t stored = std::fwrite(data, size, count, file);
+    if (stored < count && writeError == 0) {
+        writeError = errno != 0 ? errno : EIO;
+    }
+    return stored;
+}
+
+// Whether everything received is stored in the file: a full /tmp (or any
+// failed write, flush or close) shows only here. Closes the file; errno
+// tells why when false.
 bool storedCompletely(tmp_file::UniqueFile file) {
+    errno = 0;
     const bool flushed = std::fflush(file.get()) == 0 && std::ferror(file.get()) == 0;
+    int error = errno != 0 ? errno : writeError;
     struct stat st;
     const bool sized = ::fstat(fileno(file.get()), &st) == 0 &&
                        static_cast<uint64_t>(st.st_size) == bytesReceived;
-    const int error = errno;
-    const bool closed = std::fclose(file.release()) == 0;
-    if (!flushed || !closed) {
-        return false;
+    if (std::fclose(file.release()) != 0 && error == 0) {
+        error = errno;
     }
-    if (!sized) {
-        errno = error != 0 ? error : EIO;
-        return false;
+    if (flushed && sized && error == 0) {
+        return true;
     }
-    return true;
+    // A file shorter than what was received, with no failed call to say why.
+    errno = error != 0 ? error : EIO;
+    return false;
 }
 
 }  // namespace
@@ -84,7 +97,7 @@ int FlashUpgrader::downloadFile(const std::string& host, const std::string& port
         return ZEL_ACCES;
     }
 
-    rc = zel_tftp_client__recv_file(tftpClient, &server, remoteName.c_str(), file.get(), std::fwrite,
+    rc = zel_tftp_client__recv_file(tftpClient, &server, remoteName.c_str(), file.get(), storeData,
                                     nullptr, nullptr, &activeRequest);
     if (rc != ZEL_SUCCESS) {
         std::cerr << "Error initiating recv: " << zel_error_text(rc, errorText) << std::endl;
@@ -92,6 +105,7 @@ int FlashUpgrader::downloadFile(const std::string& host, const std::string& port
     }
     std::cout << "Starting file download" << std::endl;
     downloadResult = 0;
+    writeError = 0;
 
     // The client's abort timer ends every request that stops making progress,
     // so this loop ends at the latest 5 seconds after the last new block.
@@ -106,7 +120,6 @@ int FlashUpgrader::downloadFile(const std::string& host, const std::string& port
     if (downloadResult != 0) {
         return downloadResult;
     }
-    errno = 0;
     if (!storedCompletely(std::move(file))) {
         zel_error_text(zel_error_from_errno(errno), errorText);
         std::cerr << "Error writing local file " << errorText << std::endl;

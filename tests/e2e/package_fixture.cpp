@@ -105,75 +105,33 @@ std::string textId(const std::string& text) {
     return hex;
 }
 
-namespace {
-
-// A zero-terminated string of the traced process.
-std::string peekString(pid_t pid, uint64_t address) {
-    std::string text;
-    for (int word = 0; word < 128; ++word) {
-        errno = 0;
-        const long value = ptrace(PTRACE_PEEKDATA, pid, reinterpret_cast<void*>(address + word * sizeof(long)),
-                                  nullptr);
-        if (errno != 0) {
-            break;
+std::vector<std::string> statusHistory(const Board& board) {
+    // "rename brivlo_status from=X result=0 content=TEXT", TEXT with "\n"
+    // and "\\" escaped; "remove brivlo_status result=0".
+    std::vector<std::string> states;
+    for (const std::string& line : board.logLines("")) {
+        if (line.rfind("remove brivlo_status result=0", 0) == 0) {
+            states.push_back(kRemoved);
+            continue;
         }
-        const char* bytes = reinterpret_cast<const char*>(&value);
-        for (std::size_t i = 0; i < sizeof value; ++i) {
-            if (bytes[i] == '\0') {
-                return text;
+        if (line.rfind("rename brivlo_status ", 0) != 0) continue;
+        const std::size_t at = line.find(" content=");
+        if (at == std::string::npos) continue;
+        std::string content;
+        for (std::size_t i = at + 9; i < line.size(); ++i) {
+            if (line[i] == '\\' && i + 1 < line.size()) {
+                content += line[++i] == 'n' ? '\n' : line[i];
+            } else {
+                content += line[i];
             }
-            text += bytes[i];
         }
+        states.push_back(content);
     }
-    return text;
+    return states;
 }
-
-bool endsWith(const std::string& text, const std::string& tail) {
-    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
-}
-
-// The path a rename moves from, or an unlink removes; empty for other calls.
-std::string pathOf(pid_t pid, const __ptrace_syscall_info& info, bool* removal) {
-    const uint64_t nr = info.entry.nr;
-    const uint64_t* args = info.entry.args;
-    *removal = nr == SYS_unlinkat;
-#ifdef SYS_unlink
-    *removal = *removal || nr == SYS_unlink;
-    if (nr == SYS_unlink) return peekString(pid, args[0]);
-#endif
-#ifdef SYS_rename
-    if (nr == SYS_rename) return peekString(pid, args[0]);
-#endif
-    if (nr == SYS_renameat || nr == SYS_renameat2 || nr == SYS_unlinkat) return peekString(pid, args[1]);
-    return "";
-}
-
-SyscallEntry entryOf(pid_t pid, const __ptrace_syscall_info& info) {
-    const uint64_t nr = info.entry.nr;
-#ifdef SYS_open
-    if (nr == SYS_open) return {SyscallEntry::Kind::kOpen, peekString(pid, info.entry.args[0])};
-#endif
-#ifdef SYS_openat2
-    if (nr == SYS_openat2) return {SyscallEntry::Kind::kOpen, peekString(pid, info.entry.args[1])};
-#endif
-    if (nr == SYS_openat) return {SyscallEntry::Kind::kOpen, peekString(pid, info.entry.args[1])};
-    if (nr == SYS_read || nr == SYS_pread64 || nr == SYS_readv || nr == SYS_preadv) {
-        return {SyscallEntry::Kind::kRead, ""};
-    }
-    return {SyscallEntry::Kind::kOther, ""};
-}
-
-}  // namespace
 
 bool canFailSockets() {
 #if defined(__x86_64__)
-    return true;
-#else
-    return false;
-#endif
-}
-
-bool canTrace() {
     // qemu-user answers ptrace with ENOSYS: ask once, in a child of our own.
     static const bool traceable = [] {
         const pid_t pid = fork();
@@ -182,11 +140,14 @@ bool canTrace() {
         return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
     }();
     return traceable;
+#else
+    return false;
+#endif
 }
 
-TracedRun runTraced(const Board& board, const std::vector<std::string>& args, bool failSockets,
-                    const SyscallHook& hook) {
-    TracedRun run;
+testutil::ProcessResult runWithoutSockets(const Board& board, const std::vector<std::string>& args) {
+    testutil::ProcessResult result;
+#if defined(__x86_64__)
     const std::string outPath = board.scratch("traced.out");
     const std::string errPath = board.scratch("traced.err");
     std::vector<std::string> argv = {FLASHSIM_BIN, "run", board.dir(), "--", BRIVLO_BIN};
@@ -209,7 +170,7 @@ TracedRun runTraced(const Board& board, const std::vector<std::string>& args, bo
     }
     if (pid < 0) {
         ADD_FAILURE() << "fork failed";
-        return run;
+        return result;
     }
     // Watchdog: a run that hangs is killed, which ends the loop below.
     std::atomic<bool> finished{false};
@@ -227,26 +188,11 @@ TracedRun runTraced(const Board& board, const std::vector<std::string>& args, bo
         int deliver = 0;
         if (WSTOPSIG(status) == (SIGTRAP | 0x80)) {
             __ptrace_syscall_info info{};
-            bool removal = false;
             if (ptrace(PTRACE_GET_SYSCALL_INFO, pid, reinterpret_cast<void*>(sizeof info), &info) > 0 &&
-                info.op == PTRACE_SYSCALL_INFO_ENTRY) {
-#if defined(__x86_64__)
-                if (failSockets && info.entry.nr == SYS_socket) {
-                    // An invalid system call number skips the call: it returns -ENOSYS.
-                    ptrace(PTRACE_POKEUSER, pid, reinterpret_cast<void*>(offsetof(user_regs_struct, orig_rax)),
-                           reinterpret_cast<void*>(-1L));
-                }
-#else
-                (void)failSockets;
-#endif
-                if (hook) hook(entryOf(pid, info));
-                const std::string path = pathOf(pid, info, &removal);
-                if (!removal && endsWith(path, "/tmp/temp_brivlo_status")) {
-                    run.snapshots.push_back({false, testutil::readFile(path)});
-                } else if (removal && endsWith(path, "/tmp/brivlo_status")) {
-                    run.snapshots.push_back(
-                        {true, testutil::fileExists(path) ? testutil::readFile(path) : "<absent>"});
-                }
+                info.op == PTRACE_SYSCALL_INFO_ENTRY && info.entry.nr == SYS_socket) {
+                // An invalid system call number skips the call: it returns -ENOSYS.
+                ptrace(PTRACE_POKEUSER, pid, reinterpret_cast<void*>(offsetof(user_regs_struct, orig_rax)),
+                       reinterpret_cast<void*>(-1L));
             }
         } else if (WSTOPSIG(status) != SIGTRAP) {
             deliver = WSTOPSIG(status);
@@ -255,10 +201,15 @@ TracedRun runTraced(const Board& board, const std::vector<std::string>& args, bo
     }
     finished = true;
     watchdog.join();
-    run.result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    run.result.out = testutil::readFile(outPath);
-    run.result.err = testutil::readFile(errPath);
-    return run;
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.out = testutil::readFile(outPath);
+    result.err = testutil::readFile(errPath);
+#else
+    (void)board;
+    (void)args;
+    ADD_FAILURE() << "socket failure injection needs x86-64";
+#endif
+    return result;
 }
 
 }  // namespace e2e

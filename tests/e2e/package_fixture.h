@@ -1,11 +1,10 @@
 // Helpers of the package end-to-end tests: packages built by `qimtool create`,
-// the exact console text of a part write, a run of brivlo traced so that the
-// status file can be seen at every update and at its removal, and the flash
-// contents of a board.
+// the exact console text of a part write, the status file's history from
+// the board's log, a run of brivlo whose sockets fail, and the flash contents
+// of a board.
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -53,33 +52,17 @@ struct CombinedImage {
 };
 CombinedImage makeCombinedImage(const Board& board, uint32_t dataSize, uint32_t rootfsSize);
 
-// The status file as a run leaves it at each progress update (the file about
-// to be renamed into place) and when main removes it.
-struct StatusSnapshot {
-    bool removal;
-    std::string content;  // "<absent>" when there was no file to remove
-};
-struct TracedRun {
-    testutil::ProcessResult result;
-    std::vector<StatusSnapshot> snapshots;
-};
-// A system call the traced program is about to make.
-struct SyscallEntry {
-    enum class Kind { kOpen, kRead, kOther } kind;
-    std::string path;  // kOpen: the path opened, as the kernel gets it
-};
-using SyscallHook = std::function<void(const SyscallEntry&)>;
-// `flashsim run DIR -- brivlo ARGS`, stopped by ptrace at every rename of the
-// board's temporary status file and every removal of its status file. With
-// `failSockets`, every socket() call fails with ENOSYS (x86-64 only: the
-// caller skips elsewhere). `hook`, when given, runs at the entry of every
-// system call while the program waits (e.g. to change a file under it).
-TracedRun runTraced(const Board& board, const std::vector<std::string>& args, bool failSockets = false,
-                    const SyscallHook& hook = {});
-// Whether this process can trace its children at all (not under qemu-user);
-// tests built on runTraced skip without it.
-bool canTrace();
-// Whether runTraced can make socket() fail on this machine.
+// The states a run gave the status file, in order, from the flashsim log:
+// the content of each rename into place, and "<removed>" for each removal
+// that found a file.
+std::vector<std::string> statusHistory(const Board& board);
+constexpr const char* kRemoved = "<removed>";
+
+// `flashsim run DIR -- brivlo ARGS` with every socket() call failing with
+// ENOSYS (through ptrace; x86-64 only, the caller skips elsewhere).
+testutil::ProcessResult runWithoutSockets(const Board& board, const std::vector<std::string>& args);
+// Whether runWithoutSockets works on this machine (x86-64, and children can
+// be traced: not under qemu-user).
 bool canFailSockets();
 
 // Content of every partition file the board has (a partition gets one when

@@ -80,29 +80,25 @@ TEST(PackageWrite, ThreeFpgaKindsShareTheFpgaPartition) {
 }
 
 TEST(PackageWrite, ProgressRunsOnAcrossParts) {
-    if (!e2e::canTrace()) GTEST_SKIP() << "tracing children is not available here (qemu-user)";
     e2e::Board board;
     PackageSpec plan;
     plan.parts = {{"fpga", "1.0.0.0", randomBytes(150000, 7)}, {"config", "1.0.0.0", randomBytes(1000, 8)}};
     const std::string pkg = e2e::buildPackage(board, plan);
 
-    const e2e::TracedRun run = e2e::runTraced(board, {"local", pkg, "qim"});
-    EXPECT_EQ(run.result.status, 0) << run.result.err;
-    // total = 2 x (150000 + 1000). fpga: the count before each of three
-    // erased blocks (0, 65536, 131072), after chunk 0 (196608 + 65536) and at
-    // the end (196608 + 150000); config continues: 346608 at its erase, then
-    // 346608 + 65536 + 1000. Main removes the file as the last write left it.
+    const testutil::ProcessResult r = board.brivlo({"local", pkg, "qim"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    // total = 2 x (150000 + 1000), written whole at the start. fpga: the
+    // count before each of three erased blocks (0, 65536, 131072), after
+    // chunk 0 (196608 + 65536) and at the end (196608 + 150000); config
+    // continues: 346608 at its erase, then 346608 + 65536 + 1000. Main
+    // removes the file at the end.
     const std::string head = "status=2\ntotal=302000\ncurrent=";
-    std::vector<std::string> expected, seen;
-    for (int current : {0, 65536, 131072, 262144, 346608, 346608, 413144, 413144}) {
+    std::vector<std::string> expected;
+    for (int current : {0, 0, 65536, 131072, 262144, 346608, 346608, 413144}) {
         expected.push_back(head + std::to_string(current));
     }
-    for (const e2e::StatusSnapshot& s : run.snapshots) {
-        seen.push_back(s.content);
-    }
-    EXPECT_EQ(seen, expected);
-    ASSERT_FALSE(run.snapshots.empty());
-    EXPECT_TRUE(run.snapshots.back().removal);
+    expected.push_back(e2e::kRemoved);
+    EXPECT_EQ(e2e::statusHistory(board), expected);
     EXPECT_FALSE(board.statusExists());
 }
 

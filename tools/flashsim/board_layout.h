@@ -74,6 +74,10 @@ struct BoardRecord {
     uint64_t phyRequests;
     uint32_t reserved[8];
     PartRecord parts[kMaxParts];
+    // Bytes the files in DIR/tmp may hold together, like the size of a
+    // tmpfs: a write that would pass it stores what fits and then fails with
+    // ENOSPC. 0: no limit.
+    uint64_t tmpSize;
 };
 
 // Returns null when `data` (of `length` bytes) is a usable board record,

@@ -75,7 +75,11 @@ void BoardDir::create(const std::string& dir, const BoardRecord& record) {
     const std::string boardPath = dir + "/" + kBoardFile;
     if (::access(boardPath.c_str(), F_OK) == 0) throw std::runtime_error(dir + ": already holds a board");
     makeDir(dir + "/" + kFlashDir);
-    makeDir(dir + "/" + kTmpDir);
+    // Like /tmp: every user may create files there, only the owner of a
+    // file may remove or rename it. chmod, because mkdir's mode passes the umask.
+    const std::string tmp = dir + "/" + kTmpDir;
+    makeDir(tmp);
+    if (::chmod(tmp.c_str(), 01777) != 0) throw systemError("cannot make " + tmp + " world-writable");
     const std::string logPath = dir + "/" + kLogFile;
     Fd log(::open(logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (log.get() < 0) throw systemError("cannot create " + logPath);

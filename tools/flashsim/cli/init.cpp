@@ -47,6 +47,7 @@ struct InitPlan {
     uint16_t phyId = 0;
     std::vector<FaultPlan> faults;
     CapabilityPlan cap;
+    uint64_t tmpSize = 0;  // --tmp-size; 0: unlimited
 };
 
 PartPlan* findPlan(InitPlan& plan, const std::string& name) {
@@ -135,6 +136,8 @@ InitPlan readPlan(const Args& args) {
             plan.phyId = plan.phyAnswers ? static_cast<uint16_t>(parseNumber(v, "PHY identity", 0xFFFF)) : 0;
         } else if (name == "--fault") {
             planFault(plan, in.value());
+        } else if (name == "--tmp-size") {
+            plan.tmpSize = parseNumber(in.value(), "tmp size", UINT64_MAX, true);
         } else if (name == "--no-cap") {
             plan.cap.wanted = false;
             plan.cap.optionGiven = true;
@@ -173,6 +176,7 @@ BoardRecord buildRecord(InitPlan& plan) {
     record.partCount = static_cast<uint32_t>(plan.parts.size());
     record.phyAnswers = plan.phyAnswers ? 1 : 0;
     record.phyId = plan.phyId;
+    record.tmpSize = plan.tmpSize;
     for (size_t i = 0; i < plan.parts.size(); ++i) {
         PartPlan& p = plan.parts[i];
         if (!p.eraseGiven) p.erasesize = plan.eraseSize;

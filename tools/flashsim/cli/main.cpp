@@ -22,6 +22,7 @@ const char* const kUsage =
     "      --lock NAME, --unlock NAME       starting lock state (default: protected ones locked)\n"
     "      --phy ID|none                    PHY identity eth0 answers (default none: request fails)\n"
     "      --fault NAME:KIND[:ARG]          inject a fault, as `flashsim fault`\n"
+    "      --tmp-size SIZE                  the board's /tmp holds at most SIZE bytes (ENOSPC past it)\n"
     "      --cap-version N                  capability record version (default 17)\n"
     "      --cap-mfgc ID, --cap-model ID    identifiers: 16 hex digits, or text:NAME (up to 8 chars)\n"
     "      --cap-mfgc-name TEXT, --cap-model-name TEXT\n"

@@ -6,6 +6,7 @@
 #include "tools/flashsim/preload/flash_ops.h"
 #include "tools/flashsim/preload/hooks.h"
 #include "tools/flashsim/preload/real.h"
+#include "tools/flashsim/preload/tmp_ops.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -34,21 +35,48 @@ ssize_t writeAt(const TrackedFd& t, const void* data, size_t length, int64_t off
     return writePartition(t, data, length, &offset);
 }
 
+// A write to a file in the board's /tmp stores only what fits under its size
+// limit; with no room at all it fails with ENOSPC, as on a full tmpfs.
+template <typename Call>
+ssize_t limitedWrite(int fd, size_t length, long long position, Call call) {
+    const size_t room = tmpRoom(fd, length, position);
+    if (room == 0 && length != 0) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return call(room);
+}
+
 }  // namespace
+
+FLASHSIM_EXPORT size_t fwrite(const void* data, size_t size, size_t count, FILE* stream) {
+    if (size == 0 || count == 0 || opaque(stream) == nullptr || sim() == nullptr || sim()->board->tmpSize == 0) {
+        return real().fwrite(data, size, count, stream);
+    }
+    // The stream's position counts the bytes still in its buffer.
+    const int fd = fileno(stream);
+    const long long at = fd >= 0 ? static_cast<long long>(ftello(stream)) : -1;
+    const size_t wanted = size * count;
+    const size_t room = fd >= 0 && at >= 0 ? tmpRoom(fd, wanted, at) : wanted;
+    if (room >= wanted) return real().fwrite(data, size, count, stream);
+    const size_t stored = room > 0 ? real().fwrite(data, 1, room, stream) : 0;
+    errno = ENOSPC;
+    return stored / size;
+}
 
 FLASHSIM_EXPORT ssize_t write(int fd, const void* data, size_t length) {
     if (const TrackedFd* t = partitionFd(fd)) return writePartition(*t, data, length, nullptr);
-    return real().write(fd, data, length);
+    return limitedWrite(fd, length, -1, [&](size_t n) { return real().write(fd, data, n); });
 }
 
 FLASHSIM_EXPORT ssize_t pwrite(int fd, const void* data, size_t length, off_t offset) {
     if (const TrackedFd* t = partitionFd(fd)) return writeAt(*t, data, length, offset);
-    return real().pwrite(fd, data, length, offset);
+    return limitedWrite(fd, length, offset, [&](size_t n) { return real().pwrite(fd, data, n, offset); });
 }
 
 FLASHSIM_EXPORT ssize_t pwrite64(int fd, const void* data, size_t length, off64_t offset) {
     if (const TrackedFd* t = partitionFd(fd)) return writeAt(*t, data, length, offset);
-    return real().pwrite64(fd, data, length, offset);
+    return limitedWrite(fd, length, offset, [&](size_t n) { return real().pwrite64(fd, data, n, offset); });
 }
 
 // C++ file streams write through writev; each non-empty piece is one write to

@@ -5,6 +5,7 @@
 #include "tools/flashsim/preload/flash_ops.h"
 #include "tools/flashsim/preload/hooks.h"
 #include "tools/flashsim/preload/real.h"
+#include "tools/flashsim/preload/tmp_ops.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -45,43 +46,70 @@ using namespace flashsim;
     if (mapped == nullptr && opaque(path) != nullptr) return failure; \
     return call;
 
-FLASHSIM_EXPORT int rename(const char* from, const char* to) noexcept {
+namespace {
+
+// Renames and removals of the board's fixed /tmp files are logged, a rename
+// with the content it puts in place, so a test sees every state of the
+// status file without stopping the program.
+template <typename Call>
+int renameVia(const char* from, const char* to, Call call) {
     ResolvedPath a, b;
     const char* mappedFrom = mapPath(from, a, false);
     if (mappedFrom == nullptr && opaque(from) != nullptr) return -1;
     const char* mappedTo = mapPath(to, b, false);
     if (mappedTo == nullptr && opaque(to) != nullptr) return -1;
-    return real().rename(mappedFrom, mappedTo);
+    const char* name = tmpName(opaque(to));
+    if (name == nullptr) return call(mappedFrom, mappedTo);
+    TmpContent content;
+    readTmpContent(mappedFrom, content);
+    const int result = call(mappedFrom, mappedTo);
+    const int error = errno;
+    const char* fromName = tmpName(from);
+    logTmpRename(name, fromName != nullptr ? fromName : from, result, error, content);
+    errno = error;
+    return result;
+}
+
+template <typename Call>
+int removeVia(const char* path, Call call) {
+    ResolvedPath resolved;
+    const char* mapped = mapPath(path, resolved, false);
+    if (mapped == nullptr && opaque(path) != nullptr) return -1;
+    const char* name = tmpName(opaque(path));
+    const int result = call(mapped);
+    if (name != nullptr) {
+        const int error = errno;
+        logTmpRemove(name, result, error);
+        errno = error;
+    }
+    return result;
+}
+
+}  // namespace
+
+FLASHSIM_EXPORT int rename(const char* from, const char* to) noexcept {
+    return renameVia(from, to, [](const char* f, const char* t) { return real().rename(f, t); });
 }
 
 FLASHSIM_EXPORT int renameat(int fromDir, const char* from, int toDir, const char* to) noexcept {
-    ResolvedPath a, b;
-    const char* mappedFrom = mapPath(from, a, false);
-    if (mappedFrom == nullptr && opaque(from) != nullptr) return -1;
-    const char* mappedTo = mapPath(to, b, false);
-    if (mappedTo == nullptr && opaque(to) != nullptr) return -1;
-    return real().renameat(fromDir, mappedFrom, toDir, mappedTo);
+    return renameVia(from, to, [&](const char* f, const char* t) { return real().renameat(fromDir, f, toDir, t); });
 }
 
 FLASHSIM_EXPORT int renameat2(int fromDir, const char* from, int toDir, const char* to, unsigned int flags) noexcept {
-    ResolvedPath a, b;
-    const char* mappedFrom = mapPath(from, a, false);
-    if (mappedFrom == nullptr && opaque(from) != nullptr) return -1;
-    const char* mappedTo = mapPath(to, b, false);
-    if (mappedTo == nullptr && opaque(to) != nullptr) return -1;
-    return real().renameat2(fromDir, mappedFrom, toDir, mappedTo, flags);
+    return renameVia(from, to,
+                     [&](const char* f, const char* t) { return real().renameat2(fromDir, f, toDir, t, flags); });
 }
 
 FLASHSIM_EXPORT int remove(const char* path) noexcept {
-    FLASHSIM_ONE_PATH(path, false, -1, real().remove(mapped))
+    return removeVia(path, [](const char* p) { return real().remove(p); });
 }
 
 FLASHSIM_EXPORT int unlink(const char* path) noexcept {
-    FLASHSIM_ONE_PATH(path, false, -1, real().unlink(mapped))
+    return removeVia(path, [](const char* p) { return real().unlink(p); });
 }
 
 FLASHSIM_EXPORT int unlinkat(int dir, const char* path, int flags) noexcept {
-    FLASHSIM_ONE_PATH(path, false, -1, real().unlinkat(dir, mapped, flags))
+    return removeVia(path, [&](const char* p) { return real().unlinkat(dir, p, flags); });
 }
 
 FLASHSIM_EXPORT int truncate(const char* path, off_t length) noexcept {

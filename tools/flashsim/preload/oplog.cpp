@@ -82,6 +82,22 @@ LogLine& LogLine::number(const char* key, uint64_t value) {
     return text(key, decimal(value, digits + sizeof digits));
 }
 
+LogLine& LogLine::escaped(const char* key, const char* data, size_t length) {
+    putChar(' ');
+    put(key);
+    putChar('=');
+    for (size_t i = 0; i < length; ++i) {
+        const unsigned char c = static_cast<unsigned char>(data[i]);
+        if (c == '\n' || c == '\\') {
+            putChar('\\');
+            putChar(c == '\n' ? 'n' : '\\');
+        } else {
+            putChar(c > 0x20 && c < 0x7f ? static_cast<char>(c) : '?');
+        }
+    }
+    return *this;
+}
+
 LogLine& LogLine::hex(const char* key, uint32_t value, int digits) {
     char out[16] = {'0', 'x'};
     for (int i = 0; i < digits && i < 8; ++i) {

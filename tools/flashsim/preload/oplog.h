@@ -19,6 +19,9 @@ public:
     LogLine& text(const char* key, const char* value);
     LogLine& number(const char* key, uint64_t value);
     LogLine& hex(const char* key, uint32_t value, int digits);
+    // `length` bytes of file content as one token: a line feed as the two
+    // characters \n, a backslash as \\, anything not printable or a blank as ?.
+    LogLine& escaped(const char* key, const char* data, size_t length);
     // "result=<r>", and " errno=<NAME>" when r is negative.
     LogLine& result(long long r, int error);
     // Appends the line to the board's log; keeps errno.

@@ -31,6 +31,7 @@ void resolveAll() {
     resolve(r.freopen, "freopen");
     resolve(r.freopen64, "freopen64");
     resolve(r.fdopen, "fdopen");
+    resolve(r.fwrite, "fwrite");
     resolve(r.fclose, "fclose");
     resolve(r.rename, "rename");
     resolve(r.renameat, "renameat");

@@ -30,6 +30,7 @@ struct RealFunctions {
     FILE* (*freopen64)(const char*, const char*, FILE*);
     FILE* (*fdopen)(int, const char*);
     int (*fclose)(FILE*);
+    size_t (*fwrite)(const void*, size_t, size_t, FILE*);
     int (*rename)(const char*, const char*);
     int (*renameat)(int, const char*, int, const char*);
     int (*renameat2)(int, const char*, int, const char*, unsigned int);

@@ -24,8 +24,6 @@ bool g_active = false;
 pthread_once_t g_once = PTHREAD_ONCE_INIT;
 TrackedFd g_fds[kMaxTracked];
 
-// The fixed files of the product that live in /tmp on the board.
-constexpr const char* kTmpFiles[] = {"brivlo_status", "temp_brivlo_status", "flashit", "crc_ok"};
 constexpr char kTmpPrefix[] = "/tmp/";
 constexpr char kFlashPrefix[] = "/dev/flash/";
 

@@ -12,6 +12,9 @@
 
 namespace flashsim {
 
+// The fixed files of the product that live in /tmp on the board.
+constexpr const char* kTmpFiles[] = {"brivlo_status", "temp_brivlo_status", "flashit", "crc_ok"};
+
 struct Sim {
     BoardRecord* board;   // the shared board record (mmap of DIR/board)
     char dir[PATH_MAX];   // absolute board directory
