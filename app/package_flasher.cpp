@@ -18,6 +18,7 @@
 
 #include "app/mtd_device.h"
 #include "app/status_file.h"
+#include "app/stop_signal.h"
 #include "app/tmp_file.h"
 #include "qim/file_identity.h"
 #include "qim/package.h"
@@ -174,6 +175,10 @@ int FlashUpgrader::writeQimToFlash(qim_package* package) {
     bool written = false;
     const int parts = qim_package_get_num_parts(package);
     for (int seq = 0; seq < parts; ++seq) {
+        // A SIGINT or SIGTERM ends the package between parts, never inside one.
+        if (stop_signal::pending() != 0) {
+            return ZEL_INTERRUPTED;
+        }
         uint32_t kind = 0;
         const char* file = nullptr;
         uint64_t position = 0;
