@@ -325,8 +325,8 @@ static ssize_t writePartitionImpl(const TrackedFd& t, const void* data, size_t l
     if (t.accessMode == O_RDONLY) return fail(p, line, EBADF);
     if (isLocked(p)) return fail(p, line, EPERM);
     // A NAND driver takes whole write units only.
-    if (p.writesize != 1 && (p.writesize == 0 || static_cast<uint64_t>(offset) % p.writesize != 0 ||
-                             length % p.writesize != 0)) {
+    if (length > 0 && p.writesize != 1 &&
+        (p.writesize == 0 || static_cast<uint64_t>(offset) % p.writesize != 0 || length % p.writesize != 0)) {
         return fail(p, line, EINVAL);
     }
     if (p.failWriteAt == number) return fail(p, line, EIO);
