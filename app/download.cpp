@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "app/status_file.h"
+#include "app/stop_signal.h"
 #include "app/tmp_file.h"
 #include "net/env.h"
 #include "net/event_loop.h"
@@ -112,6 +113,11 @@ int FlashUpgrader::downloadFile(const std::string& host, const std::string& port
     const zel_utime maxWait = {1, 0};
     while (activeRequest != nullptr) {
         rc = zel_event_loop__run_once(env->loop, &maxWait);
+        // SIGINT or SIGTERM: nothing is erased yet, so the run ends now (the
+        // signal also cut the turn's wait short, hence before the rc test).
+        if (stop_signal::pending() != 0) {
+            return ZEL_INTERRUPTED;
+        }
         if (rc != ZEL_SUCCESS) {
             std::cerr << "Error processing events: " << zel_error_text(rc, errorText) << std::endl;
             return ZEL_NOMEMORY;

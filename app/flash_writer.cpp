@@ -3,11 +3,15 @@
 // on the console and the running byte count in the status file.
 #include "app/flash_upgrader.h"
 
+#include <cstring>
 #include <iostream>
+#include <vector>
 
 #include "app/mtd_device.h"
+#include "app/partition_lock.h"
 #include "app/progress_count.h"
 #include "app/status_file.h"
+#include "app/write_unit.h"
 
 namespace {
 
@@ -64,7 +68,12 @@ int FlashUpgrader::writeImageToFlash(std::string name, uint32_t size, int isProt
         std::cerr << "writeImageToFlash: Invalid erase size " << name << std::endl;
         return ZEL_INVALIDDATA;
     }
-    if (isProtected && mtd::lockControl(device.get(), false, info.size) != ZEL_SUCCESS) {
+    if (!write_unit::fits(info)) {
+        std::cerr << "writeImageToFlash: Invalid write size " << name << std::endl;
+        return ZEL_INVALIDDATA;
+    }
+    partition_lock::Requests lockRequests = partition_lock::Requests::kBoard;
+    if (isProtected && !partition_lock::unlock(device.get(), info.size, &lockRequests)) {
         // The driver's lock control exists for the license partitions, hence
         // the wording, whichever protected partition it is.
         std::cout << "Error: license partition unlock failed" << std::endl;
@@ -97,7 +106,7 @@ int FlashUpgrader::writeImageToFlash(std::string name, uint32_t size, int isProt
         }
     }
 
-    if (isProtected && mtd::lockControl(device.get(), true, info.size) != ZEL_SUCCESS) {
+    if (isProtected && !partition_lock::relock(device.get(), info.size, lockRequests)) {
         // The image is written; only the protection could not be restored.
         std::cout << "Error: license partition lock failed" << std::endl;
         std::cerr << "writeImageToFlashError locking flash '" << name << "'" << std::endl;
@@ -136,8 +145,19 @@ int FlashUpgrader::writeToFlash(int fd, const uint8_t* data, uint32_t size,
     std::cout << std::endl;
 
     if (remainder != 0) {
-        long written = mtd::write(fd, data + whole, remainder);
-        if (written != static_cast<long>(remainder)) {
+        // The tail goes out in whole write units, padded with 0xFF. The
+        // chunk is a whole number of units, so the padded tail still ends
+        // inside the last erased block.
+        const uint32_t length = write_unit::padded(remainder, info.writesize);
+        const uint8_t* tail = data + whole;
+        std::vector<uint8_t> padded;
+        if (length != remainder) {
+            padded.assign(length, 0xFF);
+            std::memcpy(padded.data(), tail, remainder);
+            tail = padded.data();
+        }
+        long written = mtd::write(fd, tail, length);
+        if (written != static_cast<long>(length)) {
             std::cerr << "writeToFlash: Error writing to flash" << std::endl;
             return ZEL_INVALIDDATA;
         }

@@ -10,6 +10,7 @@
 
 #include "app/mtd_device.h"
 #include "app/progress_count.h"
+#include "app/write_unit.h"
 
 namespace {
 
@@ -23,6 +24,18 @@ const char* const kName = "eraseAndWriteKernelRootFs";
 
 uint32_t readBigEndian32(const uint8_t* p) {
     return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | uint32_t{p[3]};
+}
+
+// A look at the rootfs partition's geometry ahead of its phase. A device
+// that cannot be opened or asked is left to the rootfs phase, which reports
+// it in its place.
+bool rootfsWriteUnitFits() {
+    UniqueFd rootfs = mtd::openDevice("/dev/flash/rootfs");
+    mtd_info_user info{};
+    if (!rootfs.valid() || mtd::getInfo(rootfs.get(), &info) != ZEL_SUCCESS) {
+        return true;
+    }
+    return write_unit::fits(info);
 }
 
 }  // namespace
@@ -59,6 +72,16 @@ int FlashUpgrader::eraseAndWriteKernelRootFs(uint32_t size, int current, const u
     }
     if (headerOffset == 0) {
         std::cerr << kName << ": Invalid erase size kernel partition" << std::endl;
+        return ZEL_INVALIDDATA;
+    }
+    if (!write_unit::fits(kernelInfo)) {
+        std::cerr << kName << ": Invalid write size kernel partition" << std::endl;
+        return ZEL_INVALIDDATA;
+    }
+    // The rootfs half is padded to its own partition's write unit: a unit it
+    // cannot be written in must be refused now, before the kernel is erased.
+    if (!rootfsWriteUnitFits()) {
+        std::cerr << kName << ": Invalid write size rootfs partition" << std::endl;
         return ZEL_INVALIDDATA;
     }
     // The header may promise more than the file holds (or a length that wraps
@@ -100,6 +123,11 @@ int FlashUpgrader::eraseAndWriteKernelRootFs(uint32_t size, int current, const u
     }
     if (rootfsInfo.erasesize == 0) {
         std::cerr << kName << ": Invalid erase size rootfs partition" << std::endl;
+        return ZEL_INVALIDDATA;
+    }
+    if (!write_unit::fits(rootfsInfo)) {
+        // Changed since the look before the kernel phase.
+        std::cerr << kName << ": Invalid write size rootfs partition" << std::endl;
         return ZEL_INVALIDDATA;
     }
     rc = eraseBlocks(rootfs.get(), rootfsInfo.erasesize,

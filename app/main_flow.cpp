@@ -1,6 +1,7 @@
 #include "app/main_flow.h"
 
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <limits>
 #include <memory>
@@ -11,7 +12,9 @@
 #include "app/command_line.h"
 #include "app/flash_upgrader.h"
 #include "app/status_file.h"
+#include "app/stop_signal.h"
 #include "app/tmp_file.h"
+#include "app/upgrade_lock.h"
 #include "net/env.h"
 #include "net/log.h"
 #include "qim/qim_id.h"
@@ -21,6 +24,7 @@ namespace {
 constexpr int kExitDownloadFailed = 2;
 constexpr int kExitUsage = 5;
 constexpr int kExitNotPartitionOrPackage = 6;
+constexpr int kExitAlreadyInProgress = ZEL_ALREADY;
 
 // Identifier overrides given with -O (model) and -A (manufacturer).
 struct Overrides {
@@ -126,6 +130,11 @@ void flashRawImage(FlashUpgrader& upgrader, const std::string& path, const std::
         std::cerr << "Error reading from file " << path << std::endl;
         return;
     }
+    // Reading a large image takes a while; a stop asked for meanwhile is
+    // honoured before the partition is touched.
+    if (stop_signal::pending() != 0) {
+        return;
+    }
     const int isProtected = FlashUpgrader::isPartitionProtected(partition);
     const uint8_t* bytes = image.empty() ? nullptr : image.data();
     if (upgrader.writeImageToFlash(partition, static_cast<uint32_t>(image.size()), isProtected,
@@ -154,6 +163,13 @@ int runUpgrade(zel_env* env, int argc, char** argv, const std::vector<std::strin
         upgrader.reset();
         removeStatusFile();
         return status;
+    };
+    // A SIGINT or SIGTERM that was honoured: the partition in progress, if
+    // any, has been completed.
+    auto stopped = [&finish](int signal) {
+        std::cerr << "main: Upgrade stopped by signal " << signal << " (" << strsignal(signal) << ")"
+                  << std::endl;
+        return finish(stop_signal::exitStatus(signal));
     };
     if (upgrader->init() != ZEL_SUCCESS) {
         std::cerr << "Error initialising brivlo" << std::endl;
@@ -199,21 +215,34 @@ int runUpgrade(zel_env* env, int argc, char** argv, const std::vector<std::strin
 
     std::string path = fileName;
     if (source.download) {
-        if (upgrader->downloadFile(source.host, source.port, fileName) != ZEL_SUCCESS) {
+        const int rc = upgrader->downloadFile(source.host, source.port, fileName);
+        if (stop_signal::pending() != 0) {
+            return stopped(stop_signal::pending());
+        }
+        if (rc != ZEL_SUCCESS) {
             std::cerr << "TFTP download error" << std::endl;
             return finish(kExitDownloadFailed);
         }
         path = tmp_file::kDownloadPath;
     }
+    if (stop_signal::pending() != 0) {
+        return stopped(stop_signal::pending());
+    }
 
     if (package) {
         const int rc = upgrader->flashQimFile(path.c_str());
+        if (stop_signal::pending() != 0) {
+            return stopped(stop_signal::pending());
+        }
         if (rc != ZEL_SUCCESS) {
             std::cerr << "Failed to write QIM file. Exiting." << std::endl;
             return finish(rc);
         }
     } else {
         flashRawImage(*upgrader, path, partitionName);
+        if (stop_signal::pending() != 0) {
+            return stopped(stop_signal::pending());
+        }
     }
 
     std::cout << std::endl << "Brivlo done" << std::endl;
@@ -248,10 +277,22 @@ int brivloMain(int argc, char** argv) {
     if (scanStatus >= 0) {
         return scanStatus;
     }
+    // From here on this is an upgrade (or a failed attempt at one). The lock
+    // comes before anything touches flash, /tmp/flashit or the status file;
+    // the status file of an upgrade that holds it belongs to that upgrade.
+    UpgradeLock lock;
+    const UpgradeLock::State locked = lock.acquire();
     if (argc <= 3) {
         command_line::printUsage(args[0]);
-        removeStatusFile();
+        if (locked != UpgradeLock::State::kBusy) {
+            removeStatusFile();
+        }
         return kExitUsage;
     }
+    if (locked == UpgradeLock::State::kBusy) {
+        std::cerr << "main: Error - another upgrade is already in progress" << std::endl;
+        return kExitAlreadyInProgress;
+    }
+    stop_signal::install();
     return runUpgrade(env, argc, argv, args, localSeen, overrides);
 }

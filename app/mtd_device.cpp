@@ -27,6 +27,10 @@ void UniqueFd::reset(int fd) {
 namespace mtd {
 
 namespace {
+// The kernel's internal "operation not supported" (ENOTSUPP), which some MTD
+// drivers return unconverted; it has no name in user space.
+constexpr int kErrnoEnotsupp = 524;
+
 // The code for a failed request; never 0, even if the driver left errno clear.
 zel_error_t failureCode() {
     zel_error_t code = zel_error_from_errno(errno);
@@ -57,17 +61,38 @@ zel_error_t erase(int fd, uint32_t start, uint32_t length) {
     return ZEL_SUCCESS;
 }
 
-zel_error_t lockControl(int fd, bool lock, uint32_t length) {
+LockAnswer lockAnswer(int rc) {
+    if (rc == 0) {
+        return LockAnswer::kDone;
+    }
+    // A positive answer is a refusal too, with no errno to explain it.
+    if (rc > 0) {
+        return LockAnswer::kFailed;
+    }
+    switch (errno) {
+    case ENOTTY:
+        return LockAnswer::kUnknownRequest;
+    case EOPNOTSUPP:
+    case kErrnoEnotsupp:
+        return LockAnswer::kNoLocking;
+    default:
+        return LockAnswer::kFailed;
+    }
+}
+
+LockAnswer lockControl(int fd, bool lock, uint32_t length) {
     mtd_lock_ctl request{};
     request.lock = lock ? 1 : 0;
     request.start = 0;
     request.length = length;
-    int rc = ::ioctl(fd, BRIVLO_MEMLOCKCTL, &request);
-    if (rc == 0) {
-        return ZEL_SUCCESS;
-    }
-    // A positive answer is a refusal too, with no errno to explain it.
-    return rc < 0 ? failureCode() : ZEL_SYSTEM;
+    return lockAnswer(::ioctl(fd, BRIVLO_MEMLOCKCTL, &request));
+}
+
+LockAnswer lockRange(int fd, bool lock, uint32_t length) {
+    erase_info_user request{};
+    request.start = 0;
+    request.length = length;
+    return lockAnswer(::ioctl(fd, lock ? BRIVLO_MEMLOCK : BRIVLO_MEMUNLOCK, &request));
 }
 
 long write(int fd, const uint8_t* data, uint32_t count) {

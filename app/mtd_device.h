@@ -1,4 +1,4 @@
-// Thin layer over the MTD character devices under /dev/flash/: open, the three
+// Thin layer over the MTD character devices under /dev/flash/: open, the
 // requests the flash writers need, and one plain write. Every function only
 // issues the call and returns a code; deciding what a failure means, printing
 // and counting progress is left to FlashUpgrader.
@@ -58,10 +58,13 @@ enum : unsigned long {
     BRIVLO_MEMGETINFO = 0x80204D01ul,
     BRIVLO_MEMERASE = 0x40084D02ul,
     BRIVLO_MEMLOCKCTL = 0xC00C4D41ul,
+    BRIVLO_MEMLOCK = 0x40084D05ul,
+    BRIVLO_MEMUNLOCK = 0x40084D06ul,
 };
 static_assert(BRIVLO_MEMGETINFO == MEMGETINFO, "MEMGETINFO number");
 static_assert(BRIVLO_MEMERASE == MEMERASE, "MEMERASE number");
 static_assert(BRIVLO_MEMLOCKCTL == _IOWR('M', 0x41, mtd_lock_ctl), "MEMLOCKCTL number");
+static_assert(BRIVLO_MEMLOCK == MEMLOCK && BRIVLO_MEMUNLOCK == MEMUNLOCK, "mainline lock numbers");
 
 namespace mtd {
 
@@ -76,9 +79,20 @@ zel_error_t getInfo(int fd, mtd_info_user* info);
 // returns a negative value.
 zel_error_t erase(int fd, uint32_t start, uint32_t length);
 
-// MEMLOCKCTL over [0, length) of the partition; 0 only when the request
-// returns exactly 0 (the driver's convention), else a non-zero code.
-zel_error_t lockControl(int fd, bool lock, uint32_t length);
+// How the kernel answered a lock or unlock request.
+enum class LockAnswer {
+    kDone,            // the request returned 0
+    kUnknownRequest,  // ENOTTY: this kernel does not know the request
+    kNoLocking,       // EOPNOTSUPP, or the kernel's internal ENOTSUPP (524) leaking
+                      // out: the driver has no locking at all
+    kFailed,          // any other answer (a positive result included)
+};
+
+// The board driver's MEMLOCKCTL over [0, length) of the partition.
+LockAnswer lockControl(int fd, bool lock, uint32_t length);
+
+// The mainline MEMLOCK (lock) or MEMUNLOCK over [0, length).
+LockAnswer lockRange(int fd, bool lock, uint32_t length);
 
 // One write() call at the descriptor's current position; its raw result.
 long write(int fd, const uint8_t* data, uint32_t count);

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "app/status_file.h"
+#include "app/stop_signal.h"
 #include "app/tmp_file.h"
 #include "qim/package.h"
 #include "qim/report.h"
@@ -155,6 +156,10 @@ int FlashUpgrader::writeQimToFlash(qim_package* package) {
     bool written = false;
     const int parts = qim_package_get_num_parts(package);
     for (int seq = 0; seq < parts; ++seq) {
+        // A SIGINT or SIGTERM ends the package between parts, never inside one.
+        if (stop_signal::pending() != 0) {
+            return ZEL_INTERRUPTED;
+        }
         uint32_t kind = 0;
         uint64_t position = 0;
         uint32_t size = 0;

@@ -93,7 +93,7 @@ bool drain(int& outFd, int& errFd, std::string& out, std::string& err, double de
                 if (fds[i].fd >= 0) ::close(fds[i].fd);
         }
     } closer{fds};
-    int open = 2;
+    int open = (fds[0].fd >= 0 ? 1 : 0) + (fds[1].fd >= 0 ? 1 : 0);
     char buf[65536];
     while (open > 0) {
         const double left = deadline - now();
@@ -147,6 +147,7 @@ bool BackgroundProcess::running() {
     if (r == pid_) {
         reaped_ = true;
         status_ = decodeStatus(raw);
+        signaled_ = WIFSIGNALED(raw);
         return false;
     }
     return true;
@@ -154,6 +155,11 @@ bool BackgroundProcess::running() {
 
 void BackgroundProcess::kill(int signal) {
     if (pid_ > 0 && !reaped_) ::kill(pid_, signal);
+}
+
+void BackgroundProcess::closeOutput() {
+    if (outFd_ >= 0) ::close(outFd_);
+    outFd_ = -1;
 }
 
 ProcessResult BackgroundProcess::wait() {
@@ -169,8 +175,10 @@ ProcessResult BackgroundProcess::wait() {
         ::waitpid(pid_, &raw, 0);
         reaped_ = true;
         status_ = decodeStatus(raw);
+        signaled_ = WIFSIGNALED(raw);
     }
     result.status = status_;
+    result.signaled = signaled_;
     result.seconds = now() - startTime_;
     return result;
 }

@@ -17,6 +17,7 @@ struct ProcessOptions {
 
 struct ProcessResult {
     int status = -1;        // exit status 0..255, or 128 + signal number
+    bool signaled = false;  // ended by a signal rather than by exit
     bool timedOut = false;  // killed by the time limit
     std::string out;        // standard output
     std::string err;        // standard error
@@ -39,6 +40,9 @@ public:
     // Waits for the end (up to the options' time limit) and collects the output.
     ProcessResult wait();
     void kill(int signal);
+    // Closes the test's end of the child's standard output: the child's
+    // console is gone (its writes fail with EPIPE, or SIGPIPE).
+    void closeOutput();
 
 private:
     pid_t pid_ = -1;
@@ -48,6 +52,7 @@ private:
     double timeoutSeconds_;
     double startTime_;
     int status_ = -1;
+    bool signaled_ = false;
 };
 
 }  // namespace testutil

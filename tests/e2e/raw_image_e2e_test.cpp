@@ -91,6 +91,17 @@ const RawCase kRawCases[] = {
          kWriteFailed, 0, {}, Content::Untouched, "yes"},
     {"ZeroEraseSizeRefusedBeforeUnlock", {"--part", "license=64K:0"}, {}, "license", 1000, kDone,
      "writeImageToFlash: Invalid erase size license\n" + kWriteFailed, 0, {}, Content::Untouched, "yes"},
+    // Partitions with a write unit (NAND pages): the odd tail is padded
+    // with 0xFF to a whole 2 KiB unit; a unit it cannot be written in is
+    // refused before anything is unlocked or erased.
+    {"OddLengthOn2KPages", {"--part", "fpga=1M:128K:2K"}, {}, "fpga", 131072 + 3001, completeOut(1, 2, "fpga", 1), "",
+     2, {}, Content::Written, "no"},
+    {"WholePagesOn2KPages", {"--part", "fpga=1M:128K:2K"}, {}, "fpga", 4096, completeOut(0, 1, "fpga", 0), "", 1, {},
+     Content::Written, "no"},
+    {"WriteSizeZero", {"--part", "fpga=1M:128K:0"}, {}, "fpga", 1000, kDone,
+     "writeImageToFlash: Invalid write size fpga\n" + kWriteFailed, 0, {}, Content::Untouched, "no"},
+    {"WriteSizeNotDividingEraseBlock", {"--part", "license=64K:64K:3000"}, {}, "license", 1000, kDone,
+     "writeImageToFlash: Invalid write size license\n" + kWriteFailed, 0, {}, Content::Untouched, "yes"},
     // Injected device faults.
     {"OpenFault", {}, {"fpga", "open"}, "fpga", 1000, kDone,
      "writeImageToFlash: Error opening flash partition fpga\n" + kWriteFailed, 0, {}, Content::Untouched, "no"},
@@ -175,12 +186,17 @@ TEST_P(KernelRootfs, SplitsAtTheUbootHeaderOrRefuses) {
     EXPECT_EQ(r.out, c.out);
     EXPECT_EQ(r.err, c.err);
     if (c.kernelWritten) {
-        EXPECT_EQ(board.partition("kernel").substr(0, image.kernelLength), image.bytes.substr(0, image.kernelLength));
+        // Whatever follows the kernel is erased flash: a padded tail is 0xFF.
+        const std::string kernel = board.partition("kernel");
+        EXPECT_EQ(kernel.substr(0, image.kernelLength), image.bytes.substr(0, image.kernelLength));
+        EXPECT_EQ(kernel.substr(image.kernelLength), std::string(kernel.size() - image.kernelLength, '\xff'));
     } else {
         EXPECT_TRUE(board.logLines("erase kernel ").empty()) << "refused after erasing";
     }
     if (c.rootfsWritten) {
-        EXPECT_EQ(board.partition("rootfs").substr(0, c.rootfsSize), image.bytes.substr(image.kernelLength));
+        const std::string rootfs = board.partition("rootfs");
+        EXPECT_EQ(rootfs.substr(0, c.rootfsSize), image.bytes.substr(image.kernelLength));
+        EXPECT_EQ(rootfs.substr(c.rootfsSize), std::string(rootfs.size() - c.rootfsSize, '\xff'));
     } else {
         EXPECT_TRUE(board.logLines("erase rootfs ").empty());
     }
@@ -189,6 +205,8 @@ TEST_P(KernelRootfs, SplitsAtTheUbootHeaderOrRefuses) {
 
 const std::vector<std::string> kSmall = {"--part", "image=3M", "--part", "kernel=1M", "--part", "rootfs=1M"};
 const std::vector<std::string> kKernel256K = {"--part", "image=3M", "--part", "kernel=256K", "--part", "rootfs=1M"};
+const std::vector<std::string> kPages2K = {"--part", "image=3M:64K:2K", "--part", "kernel=1M:64K:2K", "--part",
+                                           "rootfs=1M:64K:2K"};
 const uint32_t kFillsKernel256K = 262144 - 65536 - 0x700;
 const std::string kRefused = "Error writing to flash\n";
 
@@ -212,6 +230,17 @@ const SplitCase kSplitCases[] = {
      Header::AfterFirstBlock, 1000, 262145, 0,
      "Erasing Flash (wait 0s)\n" + dots(3) + "\nWriting file to kernel flash partition\n" + dots(1) + "\n" + kDone,
      "eraseAndWriteKernelRootFsImage size too big for rootfs partition\n" + kRefused, true, false},
+    // 2 KiB write units: both halves end in a partial unit, each padded to
+    // its own partition's unit; a rootfs unit that does not divide its erase
+    // block is refused before the kernel is erased.
+    {"OddHalvesOn2KPages", kPages2K, Header::AfterFirstBlock, 200001, 300001, 0,
+     "Erasing Flash (wait 1s)\n" + dots(6) + "\nWriting file to kernel flash partition\n" + dots(4) +
+         "\nErasing Flash (wait 1s)\n" + dots(6) + "\nWriting file to rootfs flash partition\n" + dots(4) +
+         "\n\nFlash write complete.\n\nBrivlo done\n",
+     "", true, true},
+    {"RootfsWriteUnitRefusedBeforeKernelErase",
+     {"--part", "image=3M", "--part", "kernel=1M", "--part", "rootfs=1M:64K:3000"}, Header::AfterFirstBlock, 1000,
+     1000, 0, kDone, "eraseAndWriteKernelRootFs: Invalid write size rootfs partition\n" + kRefused, false, false},
     // Images too short for what they announce.
     {"TooShortForHeaderFields", kSmall, Header::AfterFirstBlock, 1000, 0, 65536 + 15, kDone,
      "eraseAndWriteKernelRootFs: Error - image of size 65551 too short for U-Boot header at offset 65536\n" +

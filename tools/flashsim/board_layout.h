@@ -13,7 +13,7 @@
 namespace flashsim {
 
 constexpr char kBoardMagic[8] = {'F', 'S', 'I', 'M', 'B', 'R', 'D', '1'};
-constexpr uint32_t kBoardVersion = 1;
+constexpr uint32_t kBoardVersion = 2;
 constexpr size_t kMaxParts = 48;
 constexpr size_t kNameSize = 32;  // partition name, NUL included
 
@@ -35,6 +35,16 @@ enum FaultBits : uint32_t {
     kFaultLock = 1u << 3,     // MEMLOCKCTL lock=1 fails with EIO
 };
 constexpr uint32_t kNoBlock = 0xFFFFFFFFu;
+
+// Which lock requests the board's kernel and flash driver answer
+// (BoardRecord::lockRequests).
+enum LockRequests : uint32_t {
+    kLockBoard = 0,             // the platform driver's MEMLOCKCTL; MEMLOCK/MEMUNLOCK unknown (ENOTTY)
+    kLockMainline = 1,          // MEMLOCKCTL unknown (ENOTTY); MEMLOCK/MEMUNLOCK honoured
+    kLockMainlineNone = 2,      // MEMLOCKCTL unknown; the driver has no locking (EOPNOTSUPP)
+    kLockMainlineNone524 = 3,   // likewise, with the kernel's internal ENOTSUPP (524) leaking out
+};
+constexpr int kErrnoEnotsupp = 524;
 
 // Every counter counts calls made, successful or not (the log says which
 // failed), except bytes/erased/corrupt which count bytes actually affected.
@@ -59,6 +69,8 @@ struct PartRecord {
     uint32_t locked;     // 1 = erase and write refused with EPERM
     uint32_t faults;     // FaultBits
     uint32_t eraseFailBlock;  // an erase covering this block fails with EIO (kNoBlock: none)
+    uint32_t eraseDelayMs;    // every erased block takes this long (0: at once)
+    uint32_t writesize;       // MEMGETINFO's write unit; above 1, writes must be whole units (0 refuses all)
     uint32_t reserved;
     uint64_t shortWriteAt;  // the write whose number (Counters::writes after it) is this is short; 0: none
     uint64_t failWriteAt;   // likewise, but fails with EIO
@@ -72,7 +84,8 @@ struct BoardRecord {
     uint32_t phyAnswers;  // 0: the PHY request fails (EOPNOTSUPP) and leaves the data untouched
     uint32_t phyId;       // answered identity (16 bits used)
     uint64_t phyRequests;
-    uint32_t reserved[8];
+    uint32_t lockRequests;  // LockRequests
+    uint32_t reserved[7];
     PartRecord parts[kMaxParts];
     // Bytes the files in DIR/tmp may hold together, like the size of a
     // tmpfs: a write that would pass it stores what fits and then fails with

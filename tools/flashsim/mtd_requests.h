@@ -13,6 +13,8 @@ namespace flashsim {
 constexpr uint32_t kMemGetInfo = 0x80204D01u;  // MEMGETINFO, struct mtd_info_user (out)
 constexpr uint32_t kMemErase = 0x40084D02u;    // MEMERASE, struct erase_info_user (in)
 constexpr uint32_t kMemLockCtl = 0xC00C4D41u;  // platform driver: struct MtdLockCtl (in/out)
+constexpr uint32_t kMemLock = 0x40084D05u;    // mainline MEMLOCK, struct erase_info_user (in)
+constexpr uint32_t kMemUnlock = 0x40084D06u;  // mainline MEMUNLOCK, struct erase_info_user (in)
 constexpr uint32_t kPhyRequest = 0x89F5u;      // SIOCDEVPRIVATE + 5 on "eth0": uint16 at ifr_data
 
 // The platform flash driver's lock-control argument: 12 bytes in the
@@ -30,12 +32,12 @@ static_assert(sizeof(MtdLockCtl) == 12, "the lock-control record is 12 bytes");
 static_assert(MEMGETINFO == kMemGetInfo, "MEMGETINFO number");
 static_assert(MEMERASE == kMemErase, "MEMERASE number");
 static_assert(_IOWR('M', 0x41, MtdLockCtl) == kMemLockCtl, "MEMLOCKCTL number");
+static_assert(MEMLOCK == kMemLock && MEMUNLOCK == kMemUnlock, "mainline lock request numbers");
 static_assert(SIOCDEVPRIVATE + 5 == kPhyRequest, "PHY request number");
 
-// What MEMGETINFO reports for every simulated partition: NOR flash,
-// byte-writable.
+// What MEMGETINFO reports for every simulated partition: NOR flash (the
+// write size is the partition's own, 1 unless init gave another).
 constexpr uint8_t kMtdType = MTD_NORFLASH;
 constexpr uint32_t kMtdFlags = MTD_CAP_NORFLASH;
-constexpr uint32_t kMtdWriteSize = 1;
 
 }  // namespace flashsim

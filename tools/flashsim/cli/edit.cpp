@@ -91,6 +91,7 @@ int commandFault(const Args& args) {
     applyFault(changed, args[2], args.size() == 4 ? args[3] : std::string(), args.size() == 4);
     p.faults = changed.faults;
     p.eraseFailBlock = changed.eraseFailBlock;
+    p.eraseDelayMs = changed.eraseDelayMs;
     p.shortWriteAt = changed.shortWriteAt;
     p.failWriteAt = changed.failWriteAt;
     return 0;

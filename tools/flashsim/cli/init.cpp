@@ -20,6 +20,7 @@ struct PartPlan {
     std::string name;
     uint32_t size;
     uint32_t erasesize;
+    uint32_t writesize;
     bool sizeGiven;   // by --part; a default size is rounded up to whole erase blocks
     bool eraseGiven;  // by --part; otherwise --erase-size applies
     bool locked;
@@ -45,6 +46,7 @@ struct InitPlan {
     uint32_t eraseSize = kDefaultEraseSize;
     bool phyAnswers = false;
     uint16_t phyId = 0;
+    uint32_t lockRequests = kLockBoard;
     std::vector<FaultPlan> faults;
     CapabilityPlan cap;
     uint64_t tmpSize = 0;  // --tmp-size; 0: unlimited
@@ -69,24 +71,32 @@ void checkName(const std::string& name) {
     }
 }
 
-// --part NAME=SIZE[:ERASE]
+// --part NAME=SIZE[:ERASE[:WRITE]]
 void planPart(InitPlan& plan, const std::string& text) {
     const size_t eq = text.find('=');
-    if (eq == std::string::npos) throw UsageError("--part wants NAME=SIZE[:ERASE], not '" + text + "'");
+    if (eq == std::string::npos) throw UsageError("--part wants NAME=SIZE[:ERASE[:WRITE]], not '" + text + "'");
     const std::string name = text.substr(0, eq);
     checkName(name);
     const std::string geometry = text.substr(eq + 1);
     const size_t colon = geometry.find(':');
     PartPlan* p = findPlan(plan, name);
     if (p == nullptr) {
-        plan.parts.push_back(PartPlan{name, 0, 0, true, false, false});
+        plan.parts.push_back(PartPlan{name, 0, 0, 1, true, false, false});
         p = &plan.parts.back();
     }
     p->size = static_cast<uint32_t>(parseNumber(geometry.substr(0, colon), "size", UINT32_MAX, true));
     p->sizeGiven = true;
     if (colon != std::string::npos) {
-        p->erasesize = static_cast<uint32_t>(parseNumber(geometry.substr(colon + 1), "erase size", UINT32_MAX, true));
+        const size_t second = geometry.find(':', colon + 1);
+        p->erasesize = static_cast<uint32_t>(parseNumber(
+            geometry.substr(colon + 1, second == std::string::npos ? std::string::npos : second - colon - 1),
+            "erase size", UINT32_MAX, true));
         p->eraseGiven = true;
+        // The write unit may be anything, 0 and units that do not divide the
+        // erase block included: a program must refuse such a geometry itself.
+        if (second != std::string::npos) {
+            p->writesize = static_cast<uint32_t>(parseNumber(geometry.substr(second + 1), "write size", UINT32_MAX, true));
+        }
     }
 }
 
@@ -104,7 +114,7 @@ InitPlan readPlan(const Args& args) {
     InitPlan plan;
     for (size_t i = 0; i < kDefaultPartitionCount; ++i) {
         const DefaultPartition& d = kDefaultPartitions[i];
-        plan.parts.push_back(PartPlan{d.name, d.size, kDefaultEraseSize, false, false, d.locked});
+        plan.parts.push_back(PartPlan{d.name, d.size, kDefaultEraseSize, 1, false, false, d.locked});
     }
     const uint32_t local = qim_local_device_code();
     plan.cap.identity.version = 17;
@@ -134,6 +144,19 @@ InitPlan readPlan(const Args& args) {
             const std::string v = in.value();
             plan.phyAnswers = v != "none";
             plan.phyId = plan.phyAnswers ? static_cast<uint16_t>(parseNumber(v, "PHY identity", 0xFFFF)) : 0;
+        } else if (name == "--lock-requests") {
+            const std::string v = in.value();
+            if (v == "board") {
+                plan.lockRequests = kLockBoard;
+            } else if (v == "mainline") {
+                plan.lockRequests = kLockMainline;
+            } else if (v == "mainline-eopnotsupp") {
+                plan.lockRequests = kLockMainlineNone;
+            } else if (v == "mainline-enotsupp") {
+                plan.lockRequests = kLockMainlineNone524;
+            } else {
+                throw UsageError("--lock-requests wants board, mainline, mainline-eopnotsupp or mainline-enotsupp");
+            }
         } else if (name == "--fault") {
             planFault(plan, in.value());
         } else if (name == "--tmp-size") {
@@ -177,6 +200,7 @@ BoardRecord buildRecord(InitPlan& plan) {
     record.phyAnswers = plan.phyAnswers ? 1 : 0;
     record.phyId = plan.phyId;
     record.tmpSize = plan.tmpSize;
+    record.lockRequests = plan.lockRequests;
     for (size_t i = 0; i < plan.parts.size(); ++i) {
         PartPlan& p = plan.parts[i];
         if (!p.eraseGiven) p.erasesize = plan.eraseSize;
@@ -194,6 +218,7 @@ BoardRecord buildRecord(InitPlan& plan) {
         std::memcpy(r.name, p.name.c_str(), p.name.size() + 1);
         r.size = p.size;
         r.erasesize = p.erasesize;
+        r.writesize = p.writesize;
         r.locked = p.locked ? 1 : 0;
         r.eraseFailBlock = kNoBlock;
     }

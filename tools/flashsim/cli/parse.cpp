@@ -71,7 +71,7 @@ qim_id parseId(const std::string& text, const std::string& what) {
 }
 
 void applyFault(PartRecord& part, const std::string& kind, const std::string& arg, bool hasArg) {
-    const bool needsArg = kind == "erase" || kind == "short-write" || kind == "fail-write";
+    const bool needsArg = kind == "erase" || kind == "short-write" || kind == "fail-write" || kind == "slow-erase";
     if (needsArg != hasArg) {
         throw UsageError("fault " + kind + (needsArg ? " needs an argument" : " takes no argument"));
     }
@@ -85,6 +85,8 @@ void applyFault(PartRecord& part, const std::string& kind, const std::string& ar
         part.faults |= kFaultLock;
     } else if (kind == "erase") {
         part.eraseFailBlock = static_cast<uint32_t>(parseNumber(arg, "erase block", kNoBlock - 1));
+    } else if (kind == "slow-erase") {
+        part.eraseDelayMs = static_cast<uint32_t>(parseNumber(arg, "milliseconds per block", 60000));
     } else if (kind == "short-write" || kind == "fail-write") {
         const uint64_t n = parseNumber(arg, "write number", UINT32_MAX);
         if (n == 0) throw UsageError("write number counts from 1 (the next write)");
@@ -92,11 +94,12 @@ void applyFault(PartRecord& part, const std::string& kind, const std::string& ar
     } else if (kind == "clear") {
         part.faults = 0;
         part.eraseFailBlock = kNoBlock;
+        part.eraseDelayMs = 0;
         part.shortWriteAt = 0;
         part.failWriteAt = 0;
     } else {
         throw UsageError("unknown fault '" + kind +
-                                 "' (open, getinfo, erase BLOCK, unlock, lock, short-write N, fail-write N, clear)");
+                                 "' (open, getinfo, erase BLOCK, slow-erase MS, unlock, lock, short-write N, fail-write N, clear)");
     }
 }
 
@@ -106,6 +109,7 @@ std::string describeFaults(const PartRecord& part) {
     if (part.faults & kFaultOpen) add("open");
     if (part.faults & kFaultGetinfo) add("getinfo");
     if (part.eraseFailBlock != kNoBlock) add("erase=" + std::to_string(part.eraseFailBlock));
+    if (part.eraseDelayMs != 0) add("slow-erase=" + std::to_string(part.eraseDelayMs));
     if (part.faults & kFaultUnlock) add("unlock");
     if (part.faults & kFaultLock) add("lock");
     if (part.shortWriteAt != 0) add("short-write@" + std::to_string(part.shortWriteAt));

@@ -7,6 +7,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <fstream>
+#include <string>
 
 namespace flashsim {
 namespace {
@@ -45,8 +46,10 @@ void printExtents(const BoardDir& board, int part) {
 void printPartition(const BoardDir& board, int part) {
     const PartRecord& p = board.record().parts[part];
     const Counters& c = p.count;
-    std::printf("partition %s size=%" PRIu32 " erasesize=%" PRIu32 " locked=%s\n", p.name, p.size, p.erasesize,
-                p.locked ? "yes" : "no");
+    // The write unit is shown only where it is not the NOR default of 1.
+    const std::string unit = p.writesize == 1 ? std::string() : " writesize=" + std::to_string(p.writesize);
+    std::printf("partition %s size=%" PRIu32 " erasesize=%" PRIu32 "%s locked=%s\n", p.name, p.size, p.erasesize,
+                unit.c_str(), p.locked ? "yes" : "no");
     std::printf("  counters opens=%" PRIu64 " closes=%" PRIu64 " getinfo=%" PRIu64 " erases=%" PRIu64 " erased=%" PRIu64
                 " writes=%" PRIu64 " bytes=%" PRIu64 " corrupt=%" PRIu64 " locks=%" PRIu64 " unlocks=%" PRIu64
                 " errors=%" PRIu64 "\n",

@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
+#include <ctime>
 #include <net/if.h>
 #include <unistd.h>
 
@@ -122,6 +123,25 @@ bool program(int fd, uint64_t offset, const unsigned char* data, size_t length, 
     return true;
 }
 
+// A slow chip: `ms` milliseconds per erased block. A signal to the program
+// does not cut the erase short, as a real erase runs to its end.
+void eraseDelay(uint64_t blocks, uint32_t ms) {
+    if (ms == 0 || blocks == 0) return;
+    const uint64_t total = blocks * ms;
+    timespec left{static_cast<time_t>(total / 1000), static_cast<long>(total % 1000) * 1000000L};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+// Whether the board's flash driver has no locking at all (and so nothing is
+// ever locked).
+bool noLocking() {
+    const uint32_t mode = sim()->board->lockRequests;
+    return mode == kLockMainlineNone || mode == kLockMainlineNone524;
+}
+
+bool isLocked(const PartRecord& p) { return p.locked != 0 && !noLocking(); }
+
 int fail(PartRecord& p, LogLine& line, int error) {
     bump(p.count.errors);
     line.result(-1, error).emit();
@@ -140,7 +160,7 @@ int getInfo(PartRecord& p, void* arg) {
     info.flags = kMtdFlags;
     info.size = p.size;
     info.erasesize = p.erasesize;
-    info.writesize = kMtdWriteSize;
+    info.writesize = p.writesize;
     info.oobsize = 0;
     std::memcpy(arg, &info, sizeof info);
     line.result(0, 0).number("size", p.size).number("erasesize", p.erasesize).emit();
@@ -162,12 +182,13 @@ int erase(const TrackedFd& t, PartRecord& p, const void* arg) {
     if (es == 0 || request.length == 0 || request.start % es != 0 || request.length % es != 0 || end > p.size) {
         return fail(p, line, EINVAL);
     }
-    if (t.accessMode == O_RDONLY || p.locked) return fail(p, line, EPERM);
+    if (t.accessMode == O_RDONLY || isLocked(p)) return fail(p, line, EPERM);
     // Blocks are erased in order; an injected failure stops at its block.
     uint64_t stop = end;
     const bool injected = p.eraseFailBlock != kNoBlock && uint64_t{p.eraseFailBlock} * es >= request.start &&
                           uint64_t{p.eraseFailBlock} * es < end;
     if (injected) stop = uint64_t{p.eraseFailBlock} * es;
+    eraseDelay((stop - request.start) / es, p.eraseDelayMs);
     PrivateFd fd(t.part);
     if (fd.get() < 0 || !fillErased(fd.get(), request.start, stop - request.start)) return fail(p, line, EIO);
     bump(p.count.erased, stop - request.start);
@@ -192,6 +213,27 @@ int lockControl(const TrackedFd& t, PartRecord& p, void* arg) {
     if (p.faults & (request.lock == 0 ? kFaultUnlock : kFaultLock)) return fail(p, line, EIO);
     // The lock state is the partition's as a whole, whatever range is named.
     __atomic_store_n(&p.locked, uint32_t{request.lock}, __ATOMIC_RELAXED);
+    line.result(0, 0).emit();
+    return 0;
+}
+
+// The mainline requests MEMLOCK and MEMUNLOCK: an erase_info_user range,
+// checked as the kernel checks it; without locking in the driver the answer
+// is EOPNOTSUPP (or the kernel's internal 524).
+int mainlineLock(const TrackedFd& t, PartRecord& p, bool lock, const void* arg) {
+    bump(lock ? p.count.locks : p.count.unlocks);
+    LogLine line(lock ? "lock" : "unlock", p.name);
+    if (arg == nullptr) return fail(p, line, EFAULT);
+    erase_info_user request;
+    std::memcpy(&request, arg, sizeof request);
+    line.number("start", request.start).number("length", request.length);
+    if (t.accessMode == O_RDONLY) return fail(p, line, EPERM);
+    const uint32_t mode = sim()->board->lockRequests;
+    if (mode == kLockMainlineNone) return fail(p, line, EOPNOTSUPP);
+    if (mode == kLockMainlineNone524) return fail(p, line, kErrnoEnotsupp);
+    if (request.start >= p.size || request.length > p.size - request.start) return fail(p, line, EINVAL);
+    if (p.faults & (lock ? kFaultLock : kFaultUnlock)) return fail(p, line, EIO);
+    __atomic_store_n(&p.locked, lock ? 1u : 0u, __ATOMIC_RELAXED);
     line.result(0, 0).emit();
     return 0;
 }
@@ -281,7 +323,12 @@ static ssize_t writePartitionImpl(const TrackedFd& t, const void* data, size_t l
     line.number("offset", static_cast<uint64_t>(offset < 0 ? 0 : offset)).number("length", length);
     if (offset < 0) return fail(p, line, at != nullptr ? EINVAL : errno);
     if (t.accessMode == O_RDONLY) return fail(p, line, EBADF);
-    if (p.locked) return fail(p, line, EPERM);
+    if (isLocked(p)) return fail(p, line, EPERM);
+    // A NAND driver takes whole write units only.
+    if (length > 0 && p.writesize != 1 &&
+        (p.writesize == 0 || static_cast<uint64_t>(offset) % p.writesize != 0 || length % p.writesize != 0)) {
+        return fail(p, line, EINVAL);
+    }
     if (p.failWriteAt == number) return fail(p, line, EIO);
     size_t n = 0;
     uint64_t corrupt = 0;
@@ -325,16 +372,23 @@ static int64_t seekPartitionImpl(const TrackedFd& t, int64_t offset, int whence)
 
 static int ioctlPartitionImpl(const TrackedFd& t, uint32_t request, void* arg) {
     PartRecord& p = record(t.part);
+    const bool mainline = sim()->board->lockRequests != kLockBoard;
     switch (request) {
         case kMemGetInfo: return getInfo(p, arg);
         case kMemErase: return erase(t, p, arg);
-        case kMemLockCtl: return lockControl(t, p, arg);
-        default: {
-            LogLine line("ioctl", p.name);
-            line.hex("request", request, 8);
-            return fail(p, line, ENOTTY);
-        }
+        case kMemLockCtl:
+            if (!mainline) return lockControl(t, p, arg);
+            break;
+        case kMemLock:
+        case kMemUnlock:
+            if (mainline) return mainlineLock(t, p, request == kMemLock, arg);
+            break;
+        default: break;
     }
+    // A request this kernel and driver do not know.
+    LogLine line("ioctl", p.name);
+    line.hex("request", request, 8);
+    return fail(p, line, ENOTTY);
 }
 
 void logClose(int part, int fd, int result, int error) {

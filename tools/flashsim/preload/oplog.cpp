@@ -22,6 +22,7 @@ constexpr ErrnoName kErrnoNames[] = {
     {ENOSPC, "ENOSPC"}, {ENOTTY, "ENOTTY"}, {EROFS, "EROFS"},   {ENOSYS, "ENOSYS"},
     {EOPNOTSUPP, "EOPNOTSUPP"}, {ENAMETOOLONG, "ENAMETOOLONG"}, {ENXIO, "ENXIO"},
     {EAGAIN, "EAGAIN"}, {EINTR, "EINTR"}, {ENOMEM, "ENOMEM"},
+    {kErrnoEnotsupp, "ENOTSUPP"},  // the kernel's internal code, seen when a driver leaks it
 };
 
 // Formats v in decimal into the end of buf (at least 21 bytes); returns the start.

@@ -26,6 +26,7 @@ TrackedFd g_fds[kMaxTracked];
 
 constexpr char kTmpPrefix[] = "/tmp/";
 constexpr char kFlashPrefix[] = "/dev/flash/";
+constexpr char kFlashFolder[] = "/dev/flash";
 
 bool startsWith(const char* s, const char* prefix, size_t prefixLength) {
     return std::strncmp(s, prefix, prefixLength) == 0;
@@ -116,6 +117,15 @@ void resolvePath(const char* path, ResolvedPath& out) {
                 return;
             }
         }
+        return;
+    }
+    // The device folder itself, so a program can take a lock on it.
+    if (std::strcmp(path, kFlashFolder) == 0) {
+        size_t pos = 0;
+        out.path[0] = '\0';
+        const bool fits = append(out.path, pos, g_sim.dir) && append(out.path, pos, "/") &&
+                          append(out.path, pos, kFlashDir);
+        out.kind = fits ? PathKind::Mapped : PathKind::MissingPartition;
         return;
     }
     if (startsWith(path, kFlashPrefix, sizeof kFlashPrefix - 1)) {
