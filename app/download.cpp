@@ -98,6 +98,7 @@ int FlashUpgrader::downloadFile(const std::string& host, const std::string& port
         return ZEL_ACCES;
     }
 
+    writeError = 0;
     rc = zel_tftp_client__recv_file(tftpClient, &server, remoteName.c_str(), file.get(), storeData,
                                     nullptr, nullptr, &activeRequest);
     if (rc != ZEL_SUCCESS) {
@@ -106,7 +107,6 @@ int FlashUpgrader::downloadFile(const std::string& host, const std::string& port
     }
     std::cout << "Starting file download" << std::endl;
     downloadResult = 0;
-    writeError = 0;
 
     // The client's abort timer ends every request that stops making progress,
     // so this loop ends at the latest 5 seconds after the last new block.

@@ -81,7 +81,8 @@ zel_error_t qim_package_load_fd(qim_package* pkg, int fd, const char* path);
 // -1 (not loaded from a file, or the load failed). Whoever needs the
 // validated bytes later (part data, a signature) reads them with pread from
 // this descriptor, never by opening the name again: the name may meanwhile
-// lead to another file, the descriptor cannot. Still owned by the package.
+// lead to another file, the descriptor cannot. Its file position means
+// nothing (readers through a duplicate move it). Still owned by the package.
 int qim_package_get_fd(const qim_package* pkg);
 
 // The header-and-tables step of qim_package_load over the first `length`

@@ -17,8 +17,15 @@ constexpr int kCreateAttempts = 4;
 zel_error_t zel_tmp_file_create(const char* path, mode_t mode, int* fd) {
     if (path == nullptr || fd == nullptr) return ZEL_INVALIDPARAMETER;
     for (int attempt = 0; attempt < kCreateAttempts; ++attempt) {
+        // unlink refuses a directory (EISDIR on Linux, EPERM elsewhere): an
+        // empty one goes with rmdir; one with files in it stays and fails
+        // the create below.
         if (::unlink(path) != 0 && errno != ENOENT) {
-            return ZEL_SYSTEM;
+            const int unlinkError = errno;
+            if (::rmdir(path) != 0 && errno != ENOTEMPTY && errno != EEXIST) {
+                errno = unlinkError;
+                return ZEL_SYSTEM;
+            }
         }
         const int opened = ::open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
         if (opened >= 0) {

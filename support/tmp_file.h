@@ -15,10 +15,13 @@
 
 #include "support/errors.h"
 
-// Removes whatever is at `path` (a link itself, never its target) and
-// creates a new, empty file there exclusively (O_CREAT|O_EXCL|O_NOFOLLOW),
-// open for reading and writing, with `mode` before the umask. Nothing that
-// stood at the name can be written through or block the open.
+// Removes whatever is at `path` (a link itself, never its target; an empty
+// directory too) and creates a new, empty file there exclusively
+// (O_CREAT|O_EXCL|O_NOFOLLOW), open for reading and writing, with `mode`
+// before the umask. Nothing that stood at the name can be written through or
+// block the open. What cannot be removed (a directory with files in it, or
+// another user's file when we are not root: /tmp is sticky) fails with
+// EEXIST or the removal's errno.
 zel_error_t zel_tmp_file_create(const char* path, mode_t mode, int* fd);
 
 // Opens `path` for reading without following a symbolic link and without

@@ -30,7 +30,7 @@ constexpr uid_t kNobody = 65534;
 // What the other user keeps writing into their file while brivlo runs.
 const std::string kOwnerText = "status=2\ntotal=1000\ncurrent=500";
 
-enum class Kind { kFifo, kForeignFile };
+enum class Kind { kFifo, kForeignFile, kEmptyDirectory };
 // What brivlo does in a row: a download of a raw image, or a status query.
 enum class Run { kDownload, kQuery };
 
@@ -55,6 +55,8 @@ TEST_P(Squatter, NeverWrittenThroughReadOrWaitedOn) {
     int ownerFd = -1;
     if (c.kind == Kind::kFifo) {
         ASSERT_EQ(::mkfifo(path.c_str(), 0666), 0);
+    } else if (c.kind == Kind::kEmptyDirectory) {
+        ASSERT_EQ(::mkdir(path.c_str(), 0777), 0);
     } else {
         ownerFd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         ASSERT_GE(ownerFd, 0);
@@ -117,6 +119,7 @@ const SquatCase kSquatCases[] = {
     {"FifoAtTempStatusFile", Kind::kFifo, "temp_brivlo_status", Run::kDownload},
     {"FifoAtDownloadFile", Kind::kFifo, "flashit", Run::kDownload},
     {"FifoAtCrcMarker", Kind::kFifo, "crc_ok", Run::kDownload},
+    {"EmptyDirectoryAtDownloadFile", Kind::kEmptyDirectory, "flashit", Run::kDownload},
     {"ForeignStatusFileQuery", Kind::kForeignFile, "brivlo_status", Run::kQuery},
     {"ForeignStatusFile", Kind::kForeignFile, "brivlo_status", Run::kDownload},
     {"ForeignTempStatusFile", Kind::kForeignFile, "temp_brivlo_status", Run::kDownload},

@@ -112,6 +112,10 @@ FLASHSIM_EXPORT int unlinkat(int dir, const char* path, int flags) noexcept {
     return removeVia(path, [&](const char* p) { return real().unlinkat(dir, p, flags); });
 }
 
+FLASHSIM_EXPORT int rmdir(const char* path) noexcept {
+    return removeVia(path, [](const char* p) { return real().rmdir(p); });
+}
+
 FLASHSIM_EXPORT int truncate(const char* path, off_t length) noexcept {
     FLASHSIM_ONE_PATH(path, false, -1, real().truncate(mapped, length))
 }

@@ -39,6 +39,7 @@ void resolveAll() {
     resolve(r.remove, "remove");
     resolve(r.unlink, "unlink");
     resolve(r.unlinkat, "unlinkat");
+    resolve(r.rmdir, "rmdir");
     resolve(r.stat, "stat");
     resolve(r.lstat, "lstat");
     resolve(r.stat64, "stat64");

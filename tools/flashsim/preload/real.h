@@ -37,6 +37,7 @@ struct RealFunctions {
     int (*remove)(const char*);
     int (*unlink)(const char*);
     int (*unlinkat)(int, const char*, int);
+    int (*rmdir)(const char*);
     int (*stat)(const char*, struct stat*);
     int (*lstat)(const char*, struct stat*);
     int (*stat64)(const char*, struct stat64*);
