@@ -216,33 +216,29 @@ int runUpgrade(zel_env* env, int argc, char** argv, const std::vector<std::strin
     std::string path = fileName;
     if (source.download) {
         const int rc = upgrader->downloadFile(source.host, source.port, fileName);
-        if (stop_signal::pending() != 0) {
-            return stopped(stop_signal::pending());
-        }
-        if (rc != ZEL_SUCCESS) {
+        // A download cut short by a signal is no download failure.
+        if (rc != ZEL_SUCCESS && stop_signal::pending() == 0) {
             std::cerr << "TFTP download error" << std::endl;
             return finish(kExitDownloadFailed);
         }
         path = tmp_file::kDownloadPath;
     }
-    if (stop_signal::pending() != 0) {
-        return stopped(stop_signal::pending());
+    if (const int signal = stop_signal::pending()) {
+        return stopped(signal);
     }
 
+    int flashed = ZEL_SUCCESS;
     if (package) {
-        const int rc = upgrader->flashQimFile(path.c_str());
-        if (stop_signal::pending() != 0) {
-            return stopped(stop_signal::pending());
-        }
-        if (rc != ZEL_SUCCESS) {
-            std::cerr << "Failed to write QIM file. Exiting." << std::endl;
-            return finish(rc);
-        }
+        flashed = upgrader->flashQimFile(path.c_str());
     } else {
         flashRawImage(*upgrader, path, partitionName);
-        if (stop_signal::pending() != 0) {
-            return stopped(stop_signal::pending());
-        }
+    }
+    if (const int signal = stop_signal::pending()) {
+        return stopped(signal);
+    }
+    if (flashed != ZEL_SUCCESS) {
+        std::cerr << "Failed to write QIM file. Exiting." << std::endl;
+        return finish(flashed);
     }
 
     std::cout << std::endl << "Brivlo done" << std::endl;
