@@ -37,7 +37,7 @@ void PrintTo(const TamperCase& c, std::ostream* os) { *os << c.name; }
 // first part is large, so the stop comes long before the second is read.
 PackageSpec threeParts(unsigned seed) {
     PackageSpec plan;
-    plan.parts = {{"fpga", "1.0.0.0", randomBytes(1 << 20, seed)},
+    plan.parts = {{"fpga", "1.0.0.0", randomBytes(2 << 20, seed)},
                   {"config", "1.0.0.0", randomBytes(1000, seed + 1)},
                   {"user", "1.0.0.0", randomBytes(300, seed + 2)}};
     return plan;

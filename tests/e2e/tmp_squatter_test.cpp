@@ -66,7 +66,7 @@ TEST_P(Squatter, NeverWrittenThroughReadOrWaitedOn) {
 
     if (c.run == Run::kQuery) {
         // A query that trusted the file would answer 225 (or hang on the FIFO).
-        const testutil::ProcessResult r = board.brivlo({"-S"}, 30);
+        const testutil::ProcessResult r = board.brivlo({"-S"});
         EXPECT_EQ(r.status, 0);
     } else {
         testutil::Tftpd tftpd;
@@ -81,7 +81,7 @@ TEST_P(Squatter, NeverWrittenThroughReadOrWaitedOn) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
             }
         });
-        const testutil::ProcessResult r = board.brivlo({tftpUrl(tftpd.port()), "fw.bin", "fpga"}, 30);
+        const testutil::ProcessResult r = board.brivlo({tftpUrl(tftpd.port()), "fw.bin", "fpga"});
         done = true;
         owner.join();
         EXPECT_EQ(r.status, 0) << r.err;
@@ -171,7 +171,7 @@ TEST_P(SmallTmp, DownloadThatDoesNotFitFails) {
     }
     const std::string name = package ? "fw.qim" : "fw.bin";
     tftpd.addFile(name, served);
-    const testutil::ProcessResult r = board.brivlo({tftpUrl(tftpd.port()), name, c.partition}, 30);
+    const testutil::ProcessResult r = board.brivlo({tftpUrl(tftpd.port()), name, c.partition});
     if (c.fits) {
         EXPECT_EQ(r.status, 0) << r.err;
         EXPECT_TRUE(board.partition(c.partition).substr(0, served.size()) == served);
