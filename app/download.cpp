@@ -8,8 +8,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <string>
 #include <sys/socket.h>
 
+#include "app/release_signature.h"
 #include "app/status_file.h"
 #include "app/tmp_file.h"
 #include "net/env.h"
@@ -29,6 +31,25 @@ constexpr uint32_t kTicksPerDot = 150;
 int downloadResult = 0;
 // Progress reports seen since the process started; never reset.
 uint32_t progressTicks = 0;
+
+// Where downloadSignature collects the signature file: the client's write
+// function has no context of its own beyond the FILE* it is given (null here).
+std::string* signatureText = nullptr;
+bool signatureTooLarge = false;
+
+// Appends to signatureText up to QIM_SIGNATURE_TEXT_MAX bytes; beyond that
+// the rest of the transfer is counted as too large and dropped, so a server
+// cannot make us hold more than a signature file's worth.
+size_t appendToSignature(const void* data, size_t size, size_t count, FILE* /*file*/) {
+    const size_t bytes = size * count;
+    if (signatureText == nullptr || signatureTooLarge ||
+        bytes > QIM_SIGNATURE_TEXT_MAX - signatureText->size()) {
+        signatureTooLarge = true;
+        return 0;
+    }
+    signatureText->append(static_cast<const char*>(data), bytes);
+    return count;
+}
 
 }  // namespace
 
@@ -79,6 +100,49 @@ int FlashUpgrader::downloadFile(const std::string& host, const std::string& port
         }
     }
     return downloadResult;
+}
+
+int FlashUpgrader::downloadSignature(const std::string& host, const std::string& port,
+                                     const std::string& remoteName, std::string* text) {
+    using release_signature::kExitSignatureRefused;
+    zel_sockaddr server{};
+    const char* service = port.empty() ? kDefaultTftpService : port.c_str();
+    // The same server answered a moment ago for the firmware file.
+    zel_error_t rc = zel_resolve_address(&server, AF_INET, host.c_str(), service);
+    if (rc == ZEL_SUCCESS) {
+        text->clear();
+        signatureText = text;
+        signatureTooLarge = false;
+        rc = zel_tftp_client__recv_file(tftpClient, &server, remoteName.c_str(), nullptr, appendToSignature,
+                                        nullptr, nullptr, &activeRequest);
+    }
+    if (rc != ZEL_SUCCESS) {
+        signatureText = nullptr;
+        release_signature::printRefusal(remoteName, std::string("cannot fetch the signature: ") +
+                                                        zel_error_text(rc, errorText));
+        return kExitSignatureRefused;
+    }
+    downloadResult = 0;
+    const zel_utime maxWait = {1, 0};
+    while (activeRequest != nullptr && rc == ZEL_SUCCESS) {
+        rc = zel_event_loop__run_once(env->loop, &maxWait);
+    }
+    signatureText = nullptr;
+    if (rc != ZEL_SUCCESS || downloadResult != 0) {
+        const zel_error_t why = rc != ZEL_SUCCESS ? rc : static_cast<zel_error_t>(downloadResult);
+        release_signature::printRefusal(remoteName, "no signature " + remoteName +
+                                                        release_signature::kSignatureExtension + ": " +
+                                                        zel_error_text(why, errorText));
+        return kExitSignatureRefused;
+    }
+    if (signatureTooLarge) {
+        release_signature::printRefusal(remoteName, "signature " + remoteName +
+                                                        release_signature::kSignatureExtension +
+                                                        " larger than " +
+                                                        std::to_string(QIM_SIGNATURE_TEXT_MAX) + " bytes");
+        return kExitSignatureRefused;
+    }
+    return ZEL_SUCCESS;
 }
 
 void FlashUpgrader::tftpRequestCallback(zel_tftp_client_request* request) {

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "app/mtd_device.h"
+#include "app/release_signature.h"
 #include "app/status_file.h"
 #include "app/tmp_file.h"
 #include "qim/file_identity.h"
@@ -61,6 +62,17 @@ bool readFully(int fd, uint64_t position, uint8_t* data, uint32_t size) {
     return true;
 }
 
+// Opens the package file again the way every part read does, and keeps the
+// descriptor only when it is the file the load validated, unchanged.
+UniqueFd openValidatedFile(const char* path, const qim_file_identity& validated) {
+    const int noFollow = std::strcmp(path, tmp_file::kDownloadPath) == 0 ? O_NOFOLLOW : 0;
+    UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | noFollow));
+    if (fd.valid() && !isValidatedFile(fd.get(), validated)) {
+        return UniqueFd();
+    }
+    return fd;
+}
+
 // Reads the `size` bytes at `position` of the package file into a zero-filled
 // buffer of exactly that size.
 //
@@ -90,9 +102,8 @@ ReadResult readPartData(const char* path, const qim_file_identity* validated, ui
     if (path == nullptr || validated == nullptr) {
         return ReadResult::kFailed;
     }
-    const int noFollow = std::strcmp(path, tmp_file::kDownloadPath) == 0 ? O_NOFOLLOW : 0;
-    UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | noFollow));
-    if (!fd.valid() || !isValidatedFile(fd.get(), *validated)) {
+    UniqueFd fd = openValidatedFile(path, *validated);
+    if (!fd.valid()) {
         return ReadResult::kFailed;
     }
     if (position > validated->size || size > validated->size - position) {
@@ -124,7 +135,40 @@ int FlashUpgrader::flashQimFile(const char* path) {
     if (checked != ZEL_SUCCESS) {
         return checked;
     }
+    const int signedRelease = verifyQimSignature(path, package.get());
+    if (signedRelease != ZEL_SUCCESS) {
+        return signedRelease;
+    }
     return writeQimToFlash(package.get());
+}
+
+int FlashUpgrader::verifyQimSignature(const char* path, const qim_package* package) {
+    if (releaseSignature == nullptr) {
+        return ZEL_SUCCESS;
+    }
+    // Signed upgrades (-K): after the validation and the report, before the
+    // status file's write phase and the first erase. The signature is checked
+    // through one descriptor on the file the load validated, and the file's
+    // identity is compared again afterwards: the parts are then read only
+    // from a file with that same identity (readPartData), so the bytes
+    // flashed are the bytes whose signature held.
+    qim_file_identity validated{};
+    UniqueFd fd;
+    if (qim_package_get_file_identity(package, &validated) == ZEL_SUCCESS) {
+        fd = openValidatedFile(path, validated);
+    }
+    if (!fd.valid()) {
+        release_signature::printRefusal(releaseSignature->fileName,
+                                        "package file is no longer the one that was validated");
+        return release_signature::kExitSignatureRefused;
+    }
+    const int verified = verifyRelease(fd.get());
+    if (verified == ZEL_SUCCESS && !isValidatedFile(fd.get(), validated)) {
+        release_signature::printRefusal(releaseSignature->fileName,
+                                        "package file changed while its signature was checked");
+        return release_signature::kExitSignatureRefused;
+    }
+    return verified;
 }
 
 int FlashUpgrader::loadAndCheckQimFile(const char* path, qim_package* package) {
