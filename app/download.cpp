@@ -105,6 +105,7 @@ int FlashUpgrader::downloadFile(const std::string& host, const std::string& port
 int FlashUpgrader::downloadSignature(const std::string& host, const std::string& port,
                                      const std::string& remoteName, std::string* text) {
     using release_signature::kExitSignatureRefused;
+    const std::string signatureName = remoteName + release_signature::kSignatureExtension;
     zel_sockaddr server{};
     const char* service = port.empty() ? kDefaultTftpService : port.c_str();
     // The same server answered a moment ago for the firmware file.
@@ -113,7 +114,7 @@ int FlashUpgrader::downloadSignature(const std::string& host, const std::string&
         text->clear();
         signatureText = text;
         signatureTooLarge = false;
-        rc = zel_tftp_client__recv_file(tftpClient, &server, remoteName.c_str(), nullptr, appendToSignature,
+        rc = zel_tftp_client__recv_file(tftpClient, &server, signatureName.c_str(), nullptr, appendToSignature,
                                         nullptr, nullptr, &activeRequest);
     }
     if (rc != ZEL_SUCCESS) {
@@ -130,15 +131,12 @@ int FlashUpgrader::downloadSignature(const std::string& host, const std::string&
     signatureText = nullptr;
     if (rc != ZEL_SUCCESS || downloadResult != 0) {
         const zel_error_t why = rc != ZEL_SUCCESS ? rc : static_cast<zel_error_t>(downloadResult);
-        release_signature::printRefusal(remoteName, "no signature " + remoteName +
-                                                        release_signature::kSignatureExtension + ": " +
+        release_signature::printRefusal(remoteName, "no signature " + signatureName + ": " +
                                                         zel_error_text(why, errorText));
         return kExitSignatureRefused;
     }
     if (signatureTooLarge) {
-        release_signature::printRefusal(remoteName, "signature " + remoteName +
-                                                        release_signature::kSignatureExtension +
-                                                        " larger than " +
+        release_signature::printRefusal(remoteName, "signature " + signatureName + " larger than " +
                                                         std::to_string(QIM_SIGNATURE_TEXT_MAX) + " bytes");
         return kExitSignatureRefused;
     }

@@ -112,7 +112,8 @@ public:
     // 0 on success, else a code; ends the process with exit status 255 when
     // the server address cannot be resolved.
     int downloadFile(const std::string& host, const std::string& port, const std::string& remoteName);
-    // Fetches the detached signature `remoteName` from host:port into `text`
+    // Fetches the detached signature "<remoteName>.minisig" of the firmware
+    // file `remoteName` from host:port into `text`
     // (at most QIM_SIGNATURE_TEXT_MAX bytes), after the firmware download,
     // without a file. 0; release_signature::kExitSignatureRefused after
     // printing why there is no signature.

@@ -245,9 +245,8 @@ int runUpgrade(zel_env* env, int argc, char** argv, const std::vector<std::strin
         // memory; a local file's lies beside it.
         int signatureRead = ZEL_SUCCESS;
         if (source.download) {
-            const std::string remoteName = fileName + release_signature::kSignatureExtension;
             std::string text;
-            signatureRead = upgrader->downloadSignature(source.host, source.port, remoteName, &text);
+            signatureRead = upgrader->downloadSignature(source.host, source.port, fileName, &text);
             if (signatureRead == ZEL_SUCCESS) {
                 signatureRead = release_signature::parseFetchedSignature(fileName, text, &release->signature);
             }
