@@ -216,6 +216,13 @@ std::string malformedSignature(const Board&, const std::string& firmware, const 
     return k.pub;
 }
 
+// A server could send anything as the signature: no more than a signature
+// file's worth is kept.
+std::string oversizedSignature(const Board&, const std::string& firmware, const KeyPair& k) {
+    testutil::writeFile(firmware + ".minisig", testutil::readFile(firmware + ".minisig") + std::string(5000, 'x'));
+    return k.pub;
+}
+
 std::string malformedKey(const Board& board, const std::string&, const KeyPair&) {
     const std::string path = board.scratch("bad.pub");
     testutil::writeFile(path, "untrusted comment: minisign public key\nRWQnot a key\n");
@@ -239,6 +246,8 @@ INSTANTIATE_TEST_SUITE_P(
                    "trusted comment does not match its signature\n"},
         RefuseCase{"MalformedSignatureTftp", Form::kRaw, Source::kTftp, malformedSignature,
                    "signature FILE.minisig malformed\n"},
+        RefuseCase{"OversizedSignatureOnServer", Form::kPackage, Source::kTftp, oversizedSignature,
+                   "signature FILE.minisig larger than 4096 bytes\n"},
         RefuseCase{"MalformedKey", Form::kPackage, Source::kLocal, malformedKey, "cannot be used: malformed"}),
     [](const ::testing::TestParamInfo<RefuseCase>& i) { return i.param.name; });
 
