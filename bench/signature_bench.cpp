@@ -1,12 +1,14 @@
 // The signature check of a signed upgrade (-K) on a 32 MiB package signed by
 // minisign (prehashed: BLAKE2b-512 of the file, then Ed25519), against
-// coreutils' b2sum hashing the same file, I/O included, interleaved.
+// coreutils' b2sum hashing the same file, I/O included, interleaved; and
+// libsodium's hash alone in memory, to tell the library's cost from ours.
 #include <chrono>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <fcntl.h>
+#include <sodium.h>
 #include <unistd.h>
 
 #include "bench/benches.h"
@@ -40,6 +42,16 @@ double verifyMs(const qim_signature_key& key, const qim_signature& sig, const st
     return std::chrono::duration<double, std::milli>(t1 - t0).count();
 }
 
+// libsodium's BLAKE2b-512 alone over the bytes in memory: the floor of the
+// check, no I/O.
+double hashInMemoryMs(const std::vector<uint8_t>& bytes) {
+    uint8_t hash[crypto_generichash_BYTES_MAX];
+    const auto t0 = std::chrono::steady_clock::now();
+    crypto_generichash(hash, sizeof hash, bytes.data(), bytes.size(), nullptr, 0);
+    const auto t1 = std::chrono::steady_clock::now();
+    return std::chrono::duration<double, std::milli>(t1 - t0).count();
+}
+
 }  // namespace
 
 void signatureBenchmarks(const Config& config, Table& table) {
@@ -62,7 +74,8 @@ void signatureBenchmarks(const Config& config, Table& table) {
     }
 
     // Alternating order, so the page cache and the machine's load treat both alike.
-    std::vector<double> ours, b2sum;
+    const std::vector<uint8_t> packageBytes = readBytes(pkg);
+    std::vector<double> ours, b2sum, inMemory;
     const auto timeB2sum = [&] {
         const ChildRun run = runChild({"b2sum", pkg});
         if (!run.exitedWith(0)) throw std::runtime_error("b2sum failed");
@@ -76,6 +89,7 @@ void signatureBenchmarks(const Config& config, Table& table) {
             ours.push_back(verifyMs(key, sig, pkg));
             timeB2sum();
         }
+        inMemory.push_back(hashInMemoryMs(packageBytes));
     }
     const double oursMs = median(ours), refMs = median(b2sum);
     const auto rate = [](double ms) {
@@ -84,6 +98,9 @@ void signatureBenchmarks(const Config& config, Table& table) {
     table.add({"signature check, 32 MiB package (prehashed)", "qim_signature_verify_fd", rate(oursMs),
                "b2sum over the file", rate(refMs), oursMs / refMs, "ratio <= 1.20",
                verdictOf(oursMs <= 1.2 * refMs)});
+    const double memoryMs = median(inMemory);
+    table.add({"signature check, 32 MiB package (prehashed)", "libsodium BLAKE2b-512 alone, in memory",
+               rate(memoryMs), "b2sum over the file", rate(refMs), memoryMs / refMs, "", Verdict::kReported});
 }
 
 }  // namespace bench

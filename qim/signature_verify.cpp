@@ -12,8 +12,10 @@
 
 namespace {
 
-// Large enough that the system calls cost little next to the hash.
-constexpr std::size_t kHashChunk = 256 * 1024;
+// Small enough to stay in the CPU's cache between the copy out of the page
+// cache and the hash (the check then costs about what the hash alone costs),
+// large enough that the system calls cost little next to the hash.
+constexpr std::size_t kHashChunk = 64 * 1024;
 
 bool startSodium() { return sodium_init() >= 0; }
 
