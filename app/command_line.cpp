@@ -49,6 +49,7 @@ void printUsage(const std::string& programName) {
               << "  -S: get current upgrade status\n"
               << "  -O: override model ID matching for QIM file upgrades\n"
               << "  -A: override manufacturer ID matching for QIM file upgrades\n"
+              << "  -K <public key file>: flash only a file signed with this minisign or signify key\n"
               << "Partition Names:\n"
               << "qim, boot, bootenv, brdinfo, capability, config, flashall, fpga, fsbl, image, "
                  "kernel, license, rootfs, "

@@ -8,10 +8,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <utility>
 
+#include "app/release_signature.h"
 #include "app/status_file.h"
 #include "app/stop_signal.h"
 #include "app/tmp_file.h"
@@ -67,6 +69,25 @@ bool storedCompletely(tmp_file::UniqueFile file) {
     // A file shorter than what was received, with no failed call to say why.
     errno = error != 0 ? error : EIO;
     return false;
+}
+
+// Where downloadSignature collects the signature file: the client's write
+// function has no context of its own beyond the FILE* it is given (null here).
+std::string* signatureText = nullptr;
+bool signatureTooLarge = false;
+
+// Appends to signatureText up to QIM_SIGNATURE_TEXT_MAX bytes; beyond that
+// the rest of the transfer is counted as too large and dropped, so a server
+// cannot make us hold more than a signature file's worth.
+size_t appendToSignature(const void* data, size_t size, size_t count, FILE* /*file*/) {
+    const size_t bytes = size * count;
+    if (signatureText == nullptr || signatureTooLarge ||
+        bytes > QIM_SIGNATURE_TEXT_MAX - signatureText->size()) {
+        signatureTooLarge = true;
+        return 0;
+    }
+    signatureText->append(static_cast<const char*>(data), bytes);
+    return count;
 }
 
 }  // namespace
@@ -130,6 +151,47 @@ int FlashUpgrader::downloadFile(const std::string& host, const std::string& port
         zel_error_text(zel_error_from_errno(errno), errorText);
         std::cerr << "Error writing local file " << errorText << std::endl;
         return ZEL_SYSTEM;
+    }
+    return ZEL_SUCCESS;
+}
+
+int FlashUpgrader::downloadSignature(const std::string& host, const std::string& port,
+                                     const std::string& remoteName, std::string* text) {
+    using release_signature::kExitSignatureRefused;
+    const std::string signatureName = remoteName + release_signature::kSignatureExtension;
+    zel_sockaddr server{};
+    const char* service = port.empty() ? kDefaultTftpService : port.c_str();
+    // The same server answered a moment ago for the firmware file.
+    zel_error_t rc = zel_resolve_address(&server, AF_INET, host.c_str(), service);
+    if (rc == ZEL_SUCCESS) {
+        text->clear();
+        signatureText = text;
+        signatureTooLarge = false;
+        rc = zel_tftp_client__recv_file(tftpClient, &server, signatureName.c_str(), nullptr, appendToSignature,
+                                        nullptr, nullptr, &activeRequest);
+    }
+    if (rc != ZEL_SUCCESS) {
+        signatureText = nullptr;
+        release_signature::printRefusal(remoteName, std::string("cannot fetch the signature: ") +
+                                                        zel_error_text(rc, errorText));
+        return kExitSignatureRefused;
+    }
+    downloadResult = 0;
+    const zel_utime maxWait = {1, 0};
+    while (activeRequest != nullptr && rc == ZEL_SUCCESS) {
+        rc = zel_event_loop__run_once(env->loop, &maxWait);
+    }
+    signatureText = nullptr;
+    if (rc != ZEL_SUCCESS || downloadResult != 0) {
+        const zel_error_t why = rc != ZEL_SUCCESS ? rc : static_cast<zel_error_t>(downloadResult);
+        release_signature::printRefusal(remoteName, "no signature " + signatureName + ": " +
+                                                        zel_error_text(why, errorText));
+        return kExitSignatureRefused;
+    }
+    if (signatureTooLarge) {
+        release_signature::printRefusal(remoteName, "signature " + signatureName + " larger than " +
+                                                        std::to_string(QIM_SIGNATURE_TEXT_MAX) + " bytes");
+        return kExitSignatureRefused;
     }
     return ZEL_SUCCESS;
 }

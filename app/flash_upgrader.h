@@ -12,6 +12,7 @@
 //   package_flasher.cpp  flashQimFile, loadAndCheckQimFile, writeQimToFlash
 //   compatibility.cpp    parseCapabilityForIds, extractLinuxVerFromQim,
 //                        getEthernetPhyId, validateFirmwareSupport
+//   release_signature.cpp  setRelease, verifyRelease (signed upgrades, -K)
 //
 // Methods return int codes with the zel_error_t numbers and print their own
 // diagnostics: one line on standard error, the method's name first. Progress
@@ -21,6 +22,7 @@
 // download and one flash operation, destroy. Single-threaded.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -33,6 +35,9 @@ struct zel_env;
 struct zel_tftp_client;
 struct zel_tftp_client_request;
 struct qim_package;
+namespace release_signature {
+struct Release;
+}
 
 class FlashUpgrader {
 public:
@@ -93,6 +98,9 @@ public:
     int flashQimFile(const char* path);
     int loadAndCheckQimFile(const char* path, qim_package* package);
     int writeQimToFlash(qim_package* package);
+    // With a release set (-K), the signature over the validated package
+    // file; 0 without one (package_flasher.cpp).
+    int verifyQimSignature(const qim_package* package);
 
     // Device compatibility.
     void parseCapabilityForIds();
@@ -104,9 +112,25 @@ public:
     // 0 on success, else a code; ends the process with exit status 255 when
     // the server address cannot be resolved.
     int downloadFile(const std::string& host, const std::string& port, const std::string& remoteName);
+    // Fetches the detached signature "<remoteName>.minisig" of the firmware
+    // file `remoteName` from host:port into `text`
+    // (at most QIM_SIGNATURE_TEXT_MAX bytes), after the firmware download,
+    // without a file. 0; release_signature::kExitSignatureRefused after
+    // printing why there is no signature.
+    int downloadSignature(const std::string& host, const std::string& port, const std::string& remoteName,
+                          std::string* text);
     // The TFTP client's callback; finds its FlashUpgrader through the client's
     // context.
     static void tftpRequestCallback(zel_tftp_client_request* request);
+
+    // Signed upgrades. With a release set (not owned; it outlives the
+    // flash steps), verifyRelease checks its signature over the bytes about to
+    // be flashed: 0, or release_signature::kExitSignatureRefused after the
+    // refusal line. Without one both return 0 at once.
+    void setRelease(const release_signature::Release* release);
+    int verifyRelease(const uint8_t* data, std::size_t size);
+    // Over the whole file open on `fd`, read with pread from offset 0.
+    int verifyRelease(int fd);
 
 private:
     // Erase phase shared by the writers: the estimate line, then blocks
@@ -123,4 +147,5 @@ private:
     char errorText[ZEL_ERROR_TEXT_SIZE];
     zel_tftp_client* tftpClient;
     zel_tftp_client_request* activeRequest;
+    const release_signature::Release* releaseSignature = nullptr;
 };

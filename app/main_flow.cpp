@@ -11,6 +11,7 @@
 
 #include "app/command_line.h"
 #include "app/flash_upgrader.h"
+#include "app/release_signature.h"
 #include "app/status_file.h"
 #include "app/stop_signal.h"
 #include "app/tmp_file.h"
@@ -32,6 +33,12 @@ struct Overrides {
     qim_id modelId = QIM_MODEL_ID_ANY;
     bool mfgc = false;
     qim_id mfgcId = QIM_MFGC_ID_ANY;
+};
+
+// The release key given with -K; without it no signature is asked for.
+struct KeyOption {
+    bool given = false;
+    std::string path;
 };
 
 // One override option at args[i]. An identifier that does not parse is an
@@ -63,7 +70,8 @@ bool takeOverride(const std::vector<std::string>& args, std::size_t i, const cha
 
 // The option scan over every argument from position 1. Returns -1 to go on,
 // or the exit status. "-S" does not return: the status query ends the process.
-int scanOptions(const std::vector<std::string>& args, bool* localSeen, Overrides* overrides) {
+int scanOptions(const std::vector<std::string>& args, bool* localSeen, Overrides* overrides,
+                KeyOption* key) {
     for (std::size_t i = 1; i < args.size(); ++i) {
         const std::string& arg = args[i];
         if (arg == "-?" || arg == "--help") {
@@ -87,9 +95,17 @@ int scanOptions(const std::vector<std::string>& args, bool* localSeen, Overrides
                 command_line::printUsage(args[0]);
                 return kExitUsage;
             }
+        } else if (arg == "-K") {
+            if (i + 1 >= args.size()) {
+                std::cerr << "main" << ": -K needs a public key file" << std::endl;
+                command_line::printUsage(args[0]);
+                return kExitUsage;
+            }
+            key->given = true;
+            key->path = args[i + 1];
         }
-        // The scan advances by one: an identifier after -O/-A is looked at
-        // next and, being no option word, ignored.
+        // The scan advances by one: an identifier after -O/-A and the key
+        // file after -K are looked at next and, being no option word, ignored.
     }
     return -1;
 }
@@ -122,18 +138,24 @@ bool readRawImage(const std::string& path, std::vector<uint8_t>* image) {
     return std::fread(image->data(), 1, image->size(), in.get()) == image->size();
 }
 
-// The raw path of step "flash": failures are reported, never turned into an
-// exit status.
-void flashRawImage(FlashUpgrader& upgrader, const std::string& path, const std::string& partition) {
+// The raw path of step "flash": failures of reading and writing are
+// reported, never turned into an exit status. A refused signature (-K) is:
+// the image is checked in the buffer the writer then takes, before any erase.
+// Returns 0 or the refusal's exit status.
+int flashRawImage(FlashUpgrader& upgrader, const std::string& path, const std::string& partition) {
     std::vector<uint8_t> image;
     if (!readRawImage(path, &image)) {
         std::cerr << "Error reading from file " << path << std::endl;
-        return;
+        return 0;
+    }
+    const int verified = upgrader.verifyRelease(image.data(), image.size());
+    if (verified != ZEL_SUCCESS) {
+        return verified;
     }
     // Reading a large image takes a while; a stop asked for meanwhile is
     // honoured before the partition is touched.
     if (stop_signal::pending() != 0) {
-        return;
+        return 0;
     }
     const int isProtected = FlashUpgrader::isPartitionProtected(partition);
     const uint8_t* bytes = image.empty() ? nullptr : image.data();
@@ -141,6 +163,7 @@ void flashRawImage(FlashUpgrader& upgrader, const std::string& path, const std::
                                    bytes) != ZEL_SUCCESS) {
         std::cerr << "Error writing to flash" << std::endl;
     }
+    return 0;
 }
 
 void removeStatusFile() {
@@ -148,7 +171,7 @@ void removeStatusFile() {
 }
 
 int runUpgrade(zel_env* env, int argc, char** argv, const std::vector<std::string>& args,
-               bool localSeen, const Overrides& overrides) {
+               bool localSeen, const Overrides& overrides, const KeyOption& keyOption) {
     command_line::Source source;
     if (!localSeen) {
         source = command_line::parseSource(args[1]);
@@ -213,6 +236,18 @@ int runUpgrade(zel_env* env, int argc, char** argv, const std::vector<std::strin
         }
     }
 
+    // Signed upgrades: a key that cannot be used ends the run before any
+    // download. The release outlives the upgrader, which only points at it.
+    std::unique_ptr<release_signature::Release> release;
+    if (keyOption.given) {
+        release.reset(new release_signature::Release());
+        release->fileName = fileName;
+        const int keyLoaded = release_signature::loadKey(keyOption.path, &release->key);
+        if (keyLoaded != ZEL_SUCCESS) {
+            return finish(keyLoaded);
+        }
+    }
+
     std::string path = fileName;
     if (source.download) {
         const int rc = upgrader->downloadFile(source.host, source.port, fileName);
@@ -226,12 +261,33 @@ int runUpgrade(zel_env* env, int argc, char** argv, const std::vector<std::strin
     if (const int signal = stop_signal::pending()) {
         return stopped(signal);
     }
+    if (release) {
+        // The signature of a download comes from the same server, into
+        // memory; a local file's lies beside it.
+        int signatureRead = ZEL_SUCCESS;
+        if (source.download) {
+            std::string text;
+            signatureRead = upgrader->downloadSignature(source.host, source.port, fileName, &text);
+            if (signatureRead == ZEL_SUCCESS) {
+                signatureRead = release_signature::parseFetchedSignature(fileName, text, &release->signature);
+            }
+        } else {
+            signatureRead = release_signature::loadLocalSignature(fileName, &release->signature);
+        }
+        if (signatureRead != ZEL_SUCCESS) {
+            return finish(signatureRead);
+        }
+        upgrader->setRelease(release.get());
+    }
 
     int flashed = ZEL_SUCCESS;
     if (package) {
         flashed = upgrader->flashQimFile(path.c_str());
     } else {
-        flashRawImage(*upgrader, path, partitionName);
+        const int rc = flashRawImage(*upgrader, path, partitionName);
+        if (rc != ZEL_SUCCESS) {
+            return finish(rc);
+        }
     }
     if (const int signal = stop_signal::pending()) {
         return stopped(signal);
@@ -269,7 +325,8 @@ int brivloMain(int argc, char** argv) {
 
     bool localSeen = false;
     Overrides overrides;
-    const int scanStatus = scanOptions(args, &localSeen, &overrides);
+    KeyOption key;
+    const int scanStatus = scanOptions(args, &localSeen, &overrides, &key);
     if (scanStatus >= 0) {
         return scanStatus;
     }
@@ -290,5 +347,5 @@ int brivloMain(int argc, char** argv) {
         return kExitAlreadyInProgress;
     }
     stop_signal::install();
-    return runUpgrade(env, argc, argv, args, localSeen, overrides);
+    return runUpgrade(env, argc, argv, args, localSeen, overrides, key);
 }

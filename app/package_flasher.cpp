@@ -16,6 +16,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include "app/release_signature.h"
 #include "app/status_file.h"
 #include "app/stop_signal.h"
 #include "app/tmp_file.h"
@@ -114,7 +115,28 @@ int FlashUpgrader::flashQimFile(const char* path) {
     if (checked != ZEL_SUCCESS) {
         return checked;
     }
+    const int signedRelease = verifyQimSignature(package.get());
+    if (signedRelease != ZEL_SUCCESS) {
+        return signedRelease;
+    }
     return writeQimToFlash(package.get());
+}
+
+int FlashUpgrader::verifyQimSignature(const qim_package* package) {
+    if (releaseSignature == nullptr) {
+        return ZEL_SUCCESS;
+    }
+    // Signed upgrades (-K): after the validation and the report, before the
+    // status file's write phase and the first erase. The signature is checked
+    // through the descriptor the load validated the package through, the one
+    // every part is then read from, so the bytes flashed are the bytes whose
+    // signature held.
+    const int fd = qim_package_get_fd(package);
+    if (fd < 0) {
+        release_signature::printRefusal(releaseSignature->fileName, "package file is not open");
+        return release_signature::kExitSignatureRefused;
+    }
+    return verifyRelease(fd);
 }
 
 int FlashUpgrader::loadAndCheckQimFile(const char* path, qim_package* package) {

@@ -32,5 +32,7 @@ void statusQueryBenchmarks(const Config& config, Table& table);
 void flashPathBenchmarks(const Config& config, Table& table);
 // The peak memory of a package upgrade against its largest part.
 void packageMemoryBenchmarks(const Config& config, Table& table);
+// The signature check of a 32 MiB minisign-signed package against b2sum.
+void signatureBenchmarks(const Config& config, Table& table);
 
 }  // namespace bench

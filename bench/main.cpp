@@ -2,7 +2,7 @@
 // run, in one table (bench/run builds and runs this).
 //
 //   brivlo_bench [--runs N] [--tftp-runs N] [--spawn-runs N] [--memory-runs N]
-//                [--only crc,tftp,status,flash,package]
+//                [--only crc,tftp,status,flash,package,signature]
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,13 +26,13 @@ struct Benchmark {
 const Benchmark kBenchmarks[] = {
     {"crc", bench::crcBenchmarks},         {"tftp", bench::tftpBenchmarks},
     {"status", bench::statusQueryBenchmarks}, {"flash", bench::flashPathBenchmarks},
-    {"package", bench::packageMemoryBenchmarks},
+    {"package", bench::packageMemoryBenchmarks}, {"signature", bench::signatureBenchmarks},
 };
 
 int usage() {
     std::fprintf(stderr,
                  "usage: brivlo_bench [--runs N] [--tftp-runs N] [--spawn-runs N] [--memory-runs N] "
-                 "[--only crc,tftp,status,flash,package]\n");
+                 "[--only crc,tftp,status,flash,package,signature]\n");
     return 2;
 }
 

@@ -241,6 +241,34 @@ void qimIdSeeds() {
     }
 }
 
+// Key and signature files as minisign 0.11 and signify-openbsd write them.
+void signatureSeeds() {
+    const char* files[][3] = {
+        {"minisign-key", "\1",
+         "untrusted comment: minisign public key 57170AD0F66E77D2\n"
+         "RWTSd2720AoXV6Ilww42nqTHGjlNxn2caKoH7b9jWKHjDObjM89XD09t\n"},
+        {"signify-key", "\1",
+         "untrusted comment: signify public key\n"
+         "RWSCRDUhUxeepoFKyrTt59iaNLnpGqUXPwcwBr14M5c/mBz7vT14Qwvj\n"},
+        {"prehashed", "\0",
+         "untrusted comment: signature from minisign secret key\n"
+         "RUTSd2720AoXVy85je//k9XdWnDrYcjR/FMXtwPTDD68yrtUlMM/ejKu028jlHkB1Wt1Ea9sLCpGmQEuG2hbyZvNtvfCz1FpUQ4=\n"
+         "trusted comment: release 1.2.3\n"
+         "ZT74QPiKUpsEzRQUPqz8ZGSdCDsIqnvKVED8PUhekmU6eer/BoQIeKktPe+xw9RbhHS0x1dlayMFwgAbAfvcDA==\n"},
+        {"legacy", "\0",
+         "untrusted comment: signature from minisign secret key\n"
+         "RWTSd2720AoXV6OqqeXGE17iULyihACaK1wMwqal2pyTRiLFjU01RoPgB2zPcn8GX5HTU7bmUpOLPyr6AobSC36f/aypNXWp5QI=\n"
+         "trusted comment: legacy\n"
+         "Lt5gggHTfVZaMe4BM+2RWNAZsf2wlj3syX68ReSP+fvgUeaSmSAgyGtmN7cFkayXSpt8OvCMYc0jhVaJloboBA==\n"},
+        {"signify", "\0",
+         "untrusted comment: verify with s.pub\n"
+         "RWSCRDUhUxeepmKGgTVeyDDZRXPs93dfZzfmk0nrE7SkOpr8+puPj8YSwfgKDwkBaSGf1BXsXCJrHDMnQ68LS9Nuqghvg62KoAU=\n"},
+    };
+    for (const auto& f : files) {
+        writeSeed("signature", f[0], withFlag(static_cast<uint8_t>(f[1][0]), text(f[2])));
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -259,6 +287,7 @@ int main(int argc, char** argv) {
     tftpSeeds();
     statusSeeds();
     qimIdSeeds();
+    signatureSeeds();
 
     for (int i = 0; i < 8; ++i) std::remove((scratchDir + "/part" + std::to_string(i)).c_str());
     ::rmdir(scratchDir.c_str());

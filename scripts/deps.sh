@@ -2,7 +2,8 @@
 # Installs from Debian whatever the build and the tests need and the machine lacks.
 set -euo pipefail
 
-packages=(g++ cmake make libgtest-dev libgmock-dev zlib1g-dev tftpd-hpa tftp-hpa u-boot-tools valgrind)
+packages=(g++ cmake make libgtest-dev libgmock-dev zlib1g-dev libsodium-dev minisign signify-openbsd
+          tftpd-hpa tftp-hpa u-boot-tools valgrind)
 [ "${BRIVLO_DEPS_EXTRA:-}" ] && read -r -a extra <<<"$BRIVLO_DEPS_EXTRA" && packages+=("${extra[@]}")
 
 missing=()

@@ -82,6 +82,13 @@ const CommandCase kCommandCases[] = {
     {"InvalidOverrideStopsBeforeStatusQuery", {"-O", "zz", "-S"}, 5, "", "main: Invalid Model ID\n",
      Usage::Printed, StatusFile::Kept},
 
+    // -K: without a key file like an invalid override; an unusable key file
+    // ends the run with 14 before anything is read or flashed.
+    {"KeyWithoutFile", {"local", kImage, "fpga", "-K"}, 5, "", "main: -K needs a public key file\n",
+     Usage::Printed, StatusFile::Kept},
+    {"KeyFileMissing", {"local", kImage, "fpga", "-K", "/nowhere/k.pub"}, 14, "",
+     "Release key /nowhere/k.pub cannot be used: file not found\n", Usage::None, StatusFile::Removed},
+
     // Valid overrides in every documented position; no effect on a raw image.
     {"BothOverridesValid",
      {"local", kImage, "fpga", "-O", "0x0011223344556677", "-A", "8899aabbccddeeff"}, 0, kRawWriteOut,

@@ -50,7 +50,11 @@ std::string buildPackage(const Board& board, const PackageSpec& plan, const std:
 std::string report(const std::string& packagePath) {
     const testutil::ProcessResult r = testutil::runProcess({QIMTOOL_BIN, "info", packagePath});
     EXPECT_EQ(r.status, 0) << r.err;
-    return r.out;
+    // qimtool ends with a line about the signature beside the file, which
+    // brivlo's report does not have.
+    const std::size_t signatureLine = r.out.rfind("Signature: ");
+    EXPECT_NE(signatureLine, std::string::npos) << r.out;
+    return signatureLine == std::string::npos ? r.out : r.out.substr(0, signatureLine);
 }
 
 std::string partOutput(const std::string& partition, uint32_t size) {

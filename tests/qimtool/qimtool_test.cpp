@@ -77,9 +77,11 @@ TEST_F(Qimtool, VerifyInfoJsonExtract) {
     const std::string report = library_report(dir.file("a.qim"));
     ProcessResult info = qimtool({"info", dir.file("a.qim")});
     EXPECT_EQ(info.status, 0);
-    EXPECT_EQ(info.out, report);
+    // The report, then whether a detached signature lies beside the file.
+    EXPECT_EQ(info.out, report + "Signature: none (no " + dir.file("a.qim") + ".minisig)\n");
     EXPECT_TRUE(has(report, "part_mask: 0x3 (0/image, 1/cap1)"));
-    EXPECT_EQ(qimtool({"info", dir.file("v2.qim")}).out, library_report(dir.file("v2.qim")));
+    EXPECT_EQ(qimtool({"info", dir.file("v2.qim")}).out,
+              library_report(dir.file("v2.qim")) + "Signature: none (no " + dir.file("v2.qim") + ".minisig)\n");
 
     ProcessResult j = qimtool({"info", dir.file("a.qim"), "--json"});
     ASSERT_EQ(j.status, 0) << j.err;
@@ -92,6 +94,7 @@ TEST_F(Qimtool, VerifyInfoJsonExtract) {
           "\"model_id\":\"4d32000000000000\",\"part_mask\":\"0x00000004\",\"parts\":[2]"}) {
         EXPECT_TRUE(has(j.out, fact)) << fact << "\n" << j.out;
     }
+    EXPECT_TRUE(has(j.out, "\"signature\":null}")) << j.out;
     EXPECT_EQ(j.out.back(), '\n');
 
     ProcessResult x = qimtool({"extract", dir.file("a.qim"), "2", "-o", dir.file("out.bin")});

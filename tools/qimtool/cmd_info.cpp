@@ -8,18 +8,22 @@
 #include "tools/qimtool/json_writer.h"
 #include "tools/qimtool/package_file.h"
 #include "tools/qimtool/qimtool.h"
+#include "tools/qimtool/signature_check.h"
 
 namespace {
 
 const char kInfoHelp[] =
     "Usage: qimtool info FILE [--json]\n"
-    "Loads the package FILE (all checks and checksums) and prints its report.\n"
+    "Loads the package FILE (all checks and checksums) and prints its report,\n"
+    "then whether FILE.minisig is beside it and which key number signed it.\n"
     "  --json   print the same facts as one JSON document instead\n"
     "Exit status: 0 on success, 1 when the package cannot be loaded, 2 for usage errors.\n";
 
 const char kVerifyHelp[] =
-    "Usage: qimtool verify FILE\n"
+    "Usage: qimtool verify FILE [--key PUB]\n"
     "Loads the package FILE and checks its header, tables and checksums.\n"
+    "  --key PUB  also check the signature FILE.minisig (minisign or signify)\n"
+    "             with the public key file PUB\n"
     "Exit status: 0 when it is intact, 1 when it is not, 2 for usage errors.\n";
 
 std::string hex32(uint32_t v) {
@@ -76,6 +80,8 @@ void print_json(const std::string& path, const qim_package* pkg) {
         j.end_object();
     }
     j.end_array();
+    j.key("signature");
+    qimtool::signature_json(path, &j);
     j.end_object();
     std::fputc('\n', stdout);
 }
@@ -107,6 +113,7 @@ int cmd_info(const Args& args) {
         print_json(file, pkg.get());
     } else {
         qim_package_print(pkg.get());
+        std::printf("%s\n", qimtool::signature_summary(file).c_str());
     }
     return std::fflush(stdout) == 0 ? QIMTOOL_OK : QIMTOOL_FAILED;
 }
@@ -116,15 +123,27 @@ int cmd_verify(const Args& args) {
         std::fputs(kVerifyHelp, stdout);
         return QIMTOOL_OK;
     }
-    if (args.size() != 1 || args[0].empty() || args[0][0] == '-') {
-        return qimtool::usage_error("verify", "expected exactly one FILE");
+    std::string file;
+    std::string key;
+    bool withKey = false;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--key") {
+            if (!qimtool::take_value(args, &i, &key)) return qimtool::usage_error("verify", "--key needs a file");
+            withKey = true;
+        } else if (args[i].empty() || args[i][0] == '-' || !file.empty()) {
+            return qimtool::usage_error("verify", "expected exactly one FILE");
+        } else {
+            file = args[i];
+        }
     }
-    qimtool::PackagePtr pkg = qimtool::load_package("verify", args[0]);
+    if (file.empty()) return qimtool::usage_error("verify", "expected exactly one FILE");
+    qimtool::PackagePtr pkg = qimtool::load_package("verify", file);
     if (!pkg) return QIMTOOL_FAILED;
     const qim_header* h = pkg->header;
     std::printf("%s: ok: version %u.%u, device code %u, %d parts, %d models, checksum 0x%08x\n",
-                args[0].c_str(), h->version_major, h->version_minor, h->device_code,
+                file.c_str(), h->version_major, h->version_minor, h->device_code,
                 qim_package_get_num_parts(pkg.get()), qim_package_get_num_models(pkg.get()),
                 h->checksum);
+    if (withKey && !qimtool::verify_signature(file, key)) return QIMTOOL_FAILED;
     return QIMTOOL_OK;
 }
