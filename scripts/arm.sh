@@ -30,17 +30,8 @@ deps=$root/$build/deps
 zlib_lib=$deps/root/usr/lib/$triple/libz.a
 if [ ! -f "$zlib_lib" ]; then
   echo "== fetch zlib1g-dev:armhf"
-  mkdir -p "$deps/lists/partial" "$deps/cache/archives/partial" "$deps/debs"
-  apt_armhf=(apt-get -q -o "Dir::State::Lists=$deps/lists" -o "Dir::Cache=$deps/cache"
-             -o APT::Architecture=armhf -o APT::Architectures::=armhf -o APT::Sandbox::User=root)
-  # An index of some other suite may fail to come; the download says whether
-  # the one that holds zlib did.
-  "${apt_armhf[@]}" update >"$deps/update.log" 2>&1 || true
-  if ! (cd "$deps/debs" && "${apt_armhf[@]}" download zlib1g-dev:armhf >"$deps/download.log" 2>&1); then
-    cat "$deps/update.log" "$deps/download.log" >&2
-    echo "arm.sh: cannot fetch zlib1g-dev:armhf" >&2
-    exit 1
-  fi
+  . scripts/debian-fetch.sh
+  fetch_debs "$deps" zlib1g-dev:armhf
   dpkg-deb -x "$deps"/debs/zlib1g-dev_*_armhf.deb "$deps/root"
 fi
 
