@@ -32,7 +32,7 @@ work=$root/${BRIVLO_KERNEL_BUILD:-build/kernel}
 triple=arm-linux-gnueabihf
 jobs=$(nproc 2>/dev/null || echo 2)
 
-BRIVLO_DEPS_EXTRA="qemu-system-arm g++-$triple cpio ${BRIVLO_DEPS_EXTRA:-}" scripts/deps.sh
+BRIVLO_DEPS_EXTRA="qemu-system-arm g++-$triple cpio xz-utils ${BRIVLO_DEPS_EXTRA:-}" scripts/deps.sh
 . scripts/debian-fetch.sh
 mkdir -p "$work"
 

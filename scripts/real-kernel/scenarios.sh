@@ -145,17 +145,25 @@ s_bad_block() {
   wipe userarea && flashcp /data/ua-pattern.bin /dev/flash/userarea && part_is userarea /data/ua-pattern.bin &&
     run local /data/ua.bin userarea && status_is 0 && err_has "$ERASE_FAIL" && part_is userarea /dev/null
 }
+# The same 4 MiB image with mtd-utils' flashcp (erase, write, read back and
+# compare) and with brivlo, three times each in turn; the best time of each.
 s_flashcp() {
-  wipe boot || return 1
-  t0=$(now)
-  flashcp /data/big4m.bin /dev/flash/boot || fail "flashcp failed" || return 1
-  t1=$(now)
-  part_is boot /data/big4m.bin && wipe boot || return 1
-  t2=$(now)
-  run local /data/big4m.bin boot
-  t3=$(now)
-  status_is 0 && part_is boot /data/big4m.bin || return 1
-  say "INFO TIME $DRV flashcp_cs=$((t1 - t0)) brivlo_cs=$((t3 - t2))"
+  best_f=999999
+  best_b=999999
+  for round in 1 2 3; do
+    wipe boot || return 1
+    t0=$(now)
+    flashcp /data/big4m.bin /dev/flash/boot || fail "flashcp failed" || return 1
+    t1=$(now)
+    part_is boot /data/big4m.bin && wipe boot || return 1
+    t2=$(now)
+    run local /data/big4m.bin boot
+    t3=$(now)
+    status_is 0 && part_is boot /data/big4m.bin || return 1
+    [ $((t1 - t0)) -lt $best_f ] && best_f=$((t1 - t0))
+    [ $((t3 - t2)) -lt $best_b ] && best_b=$((t3 - t2))
+  done
+  say "INFO TIME $DRV flashcp_cs=$best_f brivlo_cs=$best_b"
 }
 
 run_driver() { # DRIVER
