@@ -220,10 +220,13 @@ while IFS= read -r line; do
         echo "FAIL $rest"
       fi ;;
     "@@ INFO TIME "*)
-      read -r drv fc bc <<<"${line#@@ INFO TIME }"
-      fc=${fc#*=} bc=${bc#*=}
-      printf 'flashcp vs brivlo, 4 MiB on %s: flashcp %d.%02d s, brivlo %d.%02d s, ratio %s\n' "$drv" \
-        $((fc / 100)) $((fc % 100)) $((bc / 100)) $((bc % 100)) "$(awk -v a="$bc" -v b="$fc" 'BEGIN { printf "%.2f", a / b }')" ;;
+      read -r drv fc bc fs bs <<<"${line#@@ INFO TIME }"
+      fc=${fc#*=} bc=${bc#*=} fs=${fs#*=} bs=${bs#*=}
+      secs() { printf '%d.%02d s' $(($1 / 100)) $(($1 % 100)); }
+      echo "flashcp vs brivlo, 4 MiB on $drv: flashcp $(secs "$fc"), brivlo $(secs "$bc")," \
+        "ratio $(awk -v a="$bc" -v b="$fc" 'BEGIN { printf "%.2f", a / b }')" \
+        "(start-up alone: flashcp $(secs "$fs"), brivlo $(secs "$bs"))" ;;
+    "@@ INFO POLL "*) echo "brivlo -S answers, ${line#@@ INFO POLL }" ;;
     "@@ END") ended=true ;;
   esac
 done <"$work/console.log"

@@ -52,15 +52,21 @@ split_parts() {
   tail -c +$((klen + 1)) /data/split-$DRV.bin >/tmp/rootfs.part
 }
 
-# poll ARGS...: runs brivlo ARGS in the background and starts brivlo -S until
-# it has ended; SEQ is the sequence of distinct answers, the last one after
-# the end.
+# poll DOWNLOAD ARGS...: runs brivlo ARGS in the background and starts
+# brivlo -S until it has ended; SEQ is the sequence of distinct answers, the
+# last one after the end. Once the download (DOWNLOAD 1) is over, the upgrade
+# runs at a lower priority than the queries, as under a busy supervisor: on
+# the one guest CPU, a write to phram would otherwise be over between two
+# queries.
 poll() {
+  download=$1
+  shift
   brivlo "$@" >/tmp/out 2>/tmp/err &
   pid=$!
   SEQ=""
   POLLS=0
   last=x
+  lowered=no
   while :; do
     read -r _ _ state _ 2>/dev/null </proc/$pid/stat || break
     [ "$state" = Z ] && break
@@ -69,6 +75,10 @@ poll() {
     POLLS=$((POLLS + 1))
     [ "$s" = "$last" ] || SEQ="$SEQ $s"
     last=$s
+    if [ $lowered = no ] && { [ "$download" = 0 ] || { [ "$s" != 1 ] && [ "${SEQ#* 1}" != "$SEQ" ]; }; }; then
+      renice -n 10 -p $pid >/dev/null
+      lowered=yes
+    fi
   done
   wait $pid
   RC=$?
@@ -91,7 +101,8 @@ seq_ok() {
     }
     if (!saw2 || $NF != 0 || dl && !saw1) ok = 0
     exit !ok
-  }' || fail "brivlo -S answered:$SEQ ($POLLS queries)"
+  }' || fail "brivlo -S answered:$SEQ ($POLLS queries)" || return 1
+  say "INFO POLL $NAME:$SEQ ($POLLS queries)"
 }
 
 package_written() {
@@ -132,7 +143,7 @@ s_tftp_missing() { # URL
   wipe fpga && run "$1" missing.bin fpga && status_is 2 && part_is fpga /dev/null
 }
 s_poll() {
-  wipe kernel rootfs fpga config image && poll tftp://10.0.2.2:$TFTP_PORT pkg-$DRV.qim qim && status_is 0 &&
+  wipe kernel rootfs fpga config image && poll 1 tftp://10.0.2.2:$TFTP_PORT pkg-$DRV.qim qim && status_is 0 &&
     seq_ok 1 && package_written
 }
 s_protected() {
@@ -146,11 +157,11 @@ s_bad_block() {
     run local /data/ua.bin userarea && status_is 0 && err_has "$ERASE_FAIL" && part_is userarea /dev/null
 }
 # The same 4 MiB image with mtd-utils' flashcp (erase, write, read back and
-# compare) and with brivlo, three times each in turn; the best time of each.
+# compare) and with brivlo, five times each in turn; the best time of each.
 s_flashcp() {
   best_f=999999
   best_b=999999
-  for round in 1 2 3; do
+  for round in 1 2 3 4 5; do
     wipe boot || return 1
     t0=$(now)
     flashcp /data/big4m.bin /dev/flash/boot || fail "flashcp failed" || return 1
@@ -163,7 +174,20 @@ s_flashcp() {
     [ $((t1 - t0)) -lt $best_f ] && best_f=$((t1 - t0))
     [ $((t3 - t2)) -lt $best_b ] && best_b=$((t3 - t2))
   done
-  say "INFO TIME $DRV flashcp_cs=$best_f brivlo_cs=$best_b"
+  # Start-up alone, which qemu's translation of each program's first run of
+  # its code makes far slower than on a board.
+  start_b=999999
+  start_f=999999
+  for round in 1 2 3 4 5; do
+    t0=$(now)
+    brivlo -? >/dev/null
+    t1=$(now)
+    flashcp -h >/dev/null 2>&1
+    t2=$(now)
+    [ $((t1 - t0)) -lt $start_b ] && start_b=$((t1 - t0))
+    [ $((t2 - t1)) -lt $start_f ] && start_f=$((t2 - t1))
+  done
+  say "INFO TIME $DRV flashcp_cs=$best_f brivlo_cs=$best_b flashcp_start_cs=$start_f brivlo_start_cs=$start_b"
 }
 
 run_driver() { # DRIVER
@@ -199,7 +223,7 @@ s_y2038_stamp() {
 }
 s_y2038_status() {
   guest_helper settime 2223376500 || fail "cannot set the clock to 2040" || return 1
-  wipe kernel rootfs fpga config image && poll local /data/pkg-$DRV.qim qim && status_is 0 && seq_ok 0 && package_written
+  wipe kernel rootfs fpga config image && poll 0 local /data/pkg-$DRV.qim qim && status_is 0 && seq_ok 0 && package_written
 }
 
 run_y2038() {
