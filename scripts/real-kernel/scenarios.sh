@@ -2,7 +2,6 @@
 # partitions of one driver at a time; every check reads the MTD devices back.
 # Test files are in /data (made by scripts/real-kernel.sh on the host).
 
-M1=5445523130300000   # this board's model (capability record)
 ERASE_FAIL="writeImageToFlash: Error erasing flash partition 'userarea'"
 PHY_LINE="extractLinuxVerFromQim Found Linux partition and version - 0x4020800"
 JUNK_LOG="Error zel_tftp_client_request__handle_data_message: ignoring invalid data packet"
@@ -14,7 +13,7 @@ scenario() {
   NAME=$DRV/$1
   shift
   WHY=""
-  if "$@"; then say "PASS $NAME"; else say "FAIL $NAME: $WHY"; fi
+  if "$@"; then say "PASS $NAME"; else say "FAIL $NAME: ${WHY:-no reason recorded}"; fi
 }
 
 # Centiseconds since boot.
@@ -24,7 +23,7 @@ now() {
 }
 
 wipe() {
-  for p in "$@"; do flash_erase -q /dev/flash/$p 0 0 >/dev/null 2>&1 || return 1; done
+  for p in "$@"; do flash_erase -q /dev/flash/$p 0 0 >/dev/null 2>&1 || fail "flash_erase $p failed" || return 1; done
 }
 
 # run ARGS...: brivlo with ARGS, its output in /tmp/out and /tmp/err, status in RC.
@@ -37,7 +36,7 @@ run() {
 part_is() {
   size=$(cat /tmp/sizes/$DRV.$1)
   n=$(wc -c <"$2")
-  [ "$n" -le "$size" ] || fail "$2 is larger than $1"
+  [ "$n" -le "$size" ] || fail "$2 is larger than $1" || return 1
   { cat "$2"; head -c $((size - n)) /tmp/ff; } | cmp -s - /dev/flash/$1 ||
     fail "$1 does not hold $(basename "$2") ($n bytes) followed by erased flash"
 }
