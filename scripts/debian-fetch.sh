@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by the scripts that need Debian packages of another architecture
 # (armhf) without installing them: fetch_debs DIR PACKAGE... downloads the
 # packages (names may carry :arch and =version) into DIR/debs through a private

@@ -60,7 +60,11 @@ fi
 abi=$(cat "$deps/abi")
 x=$work/x # unpacked packages
 if [ ! -d "$x" ]; then
-  for d in $(ls "$deps"/debs/*.deb | grep -v linux-source); do dpkg-deb -x "$d" "$x.tmp"; done
+  rm -rf "$x.tmp"
+  for d in "$deps"/debs/*.deb; do
+    case $d in */linux-source-*) continue ;; esac # only phram.c is taken from it, below
+    dpkg-deb -x "$d" "$x.tmp"
+  done
   mv "$x.tmp" "$x"
 fi
 modules=$x/lib/modules/$abi/kernel
@@ -74,7 +78,8 @@ phram=$work/phram
 if [ ! -f "$phram/phram.ko" ]; then
   echo "== build phram.ko"
   rm -rf "$phram" && mkdir -p "$phram"
-  series=$(ls -d "$x"/usr/lib/linux-kbuild-* | sed 's/.*linux-kbuild-//')
+  series=$(basename "$x"/usr/lib/linux-kbuild-*)
+  series=${series#linux-kbuild-}
   dpkg-deb --fsys-tarfile "$deps"/debs/linux-source-*.deb | tar -xO "./usr/src/linux-source-$series.tar.xz" |
     xz -dc | tar -x -C "$phram" --strip-components=4 "linux-source-$series/drivers/mtd/devices/phram.c"
   sed -i '/MODULE_DEVICE_TABLE/d' "$phram/phram.c"
@@ -168,7 +173,7 @@ cleanup() { [ -n "$tftpd_pid" ] && kill "$tftpd_pid" 2>/dev/null; true; }
 trap cleanup EXIT
 echo "ready $work" >"$work/tftp-host/probe"
 chmod 644 "$work/tftp-host/probe"
-for attempt in 1 2 3 4 5 6 7 8; do
+for _ in 1 2 3 4 5 6 7 8; do
   port=$((20000 + RANDOM % 40000))
   /usr/sbin/in.tftpd --foreground --address "127.0.0.1:$port" --secure --user root -v "$work/tftp-host" \
     >"$work/tftpd.log" 2>&1 &
@@ -201,6 +206,7 @@ boot_time=$((SECONDS - boot_started))
 # --- results -----------------------------------------------------------------------
 passed=0 failed=0 expected=0
 listed() { [[ " $xfail " == *" $1 "* ]]; }
+secs() { printf '%d.%02d s' $(($1 / 100)) $(($1 % 100)); } # from centiseconds
 ended=false
 while IFS= read -r line; do
   line=${line%$'\r'}
@@ -222,7 +228,6 @@ while IFS= read -r line; do
     "@@ INFO TIME "*)
       read -r drv fc bc fs bs <<<"${line#@@ INFO TIME }"
       fc=${fc#*=} bc=${bc#*=} fs=${fs#*=} bs=${bs#*=}
-      secs() { printf '%d.%02d s' $(($1 / 100)) $(($1 % 100)); }
       echo "flashcp vs brivlo, 4 MiB on $drv: flashcp $(secs "$fc"), brivlo $(secs "$bc")," \
         "ratio $(awk -v a="$bc" -v b="$fc" 'BEGIN { printf "%.2f", a / b }')" \
         "(start-up alone: flashcp $(secs "$fs"), brivlo $(secs "$bs"))" ;;
