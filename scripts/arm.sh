@@ -32,18 +32,9 @@ zlib_lib=$deps/root/usr/lib/$triple/libz.a
 sodium_lib=$deps/root/usr/lib/$triple/libsodium.a
 if [ ! -f "$zlib_lib" ] || [ ! -f "$sodium_lib" ]; then
   echo "== fetch zlib1g-dev:armhf libsodium-dev:armhf"
-  mkdir -p "$deps/lists/partial" "$deps/cache/archives/partial" "$deps/debs"
-  apt_armhf=(apt-get -q -o "Dir::State::Lists=$deps/lists" -o "Dir::Cache=$deps/cache"
-             -o APT::Architecture=armhf -o APT::Architectures::=armhf -o APT::Sandbox::User=root)
-  # An index of some other suite may fail to come; the download says whether
-  # the one that holds the libraries did.
-  "${apt_armhf[@]}" update >"$deps/update.log" 2>&1 || true
+  . scripts/debian-fetch.sh
+  fetch_debs "$deps" zlib1g-dev:armhf libsodium-dev:armhf
   for pkg in zlib1g-dev libsodium-dev; do
-    if ! (cd "$deps/debs" && "${apt_armhf[@]}" download "$pkg:armhf" >"$deps/download.log" 2>&1); then
-      cat "$deps/update.log" "$deps/download.log" >&2
-      echo "arm.sh: cannot fetch $pkg:armhf" >&2
-      exit 1
-    fi
     dpkg-deb -x "$deps"/debs/${pkg}_*_armhf.deb "$deps/root"
   done
 fi

@@ -134,16 +134,37 @@ FLASHSIM_EXPORT int fclose(FILE* stream) {
     return result;
 }
 
-FLASHSIM_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
-    va_list ap;
-    va_start(ap, request);
-    void* arg = va_arg(ap, void*);
-    va_end(ap);
+namespace {
+
+int simulatedIoctl(int fd, unsigned long request, void* arg, int (*realIoctl)(int, unsigned long, ...)) {
     if (sim() != nullptr) {
         // The kernel looks at the low 32 bits of the request number only.
         const uint32_t number = static_cast<uint32_t>(request);
         if (number == kPhyRequest && isSocket(fd)) return answerPhy(arg);
         if (const TrackedFd* t = partitionFd(fd)) return ioctlPartition(*t, number, arg);
     }
-    return real().ioctl(fd, request, arg);
+    if (realIoctl == nullptr) {
+        errno = ENOSYS;
+        return -1;
+    }
+    return realIoctl(fd, request, arg);
+}
+
+}  // namespace
+
+FLASHSIM_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
+    va_list ap;
+    va_start(ap, request);
+    void* arg = va_arg(ap, void*);
+    va_end(ap);
+    return simulatedIoctl(fd, request, arg, real().ioctl);
+}
+
+// What a 32-bit program built with _TIME_BITS=64 calls for ioctl.
+FLASHSIM_EXPORT int __ioctl_time64(int fd, unsigned long request, ...) noexcept {
+    va_list ap;
+    va_start(ap, request);
+    void* arg = va_arg(ap, void*);
+    va_end(ap);
+    return simulatedIoctl(fd, request, arg, real().ioctl_time64);
 }

@@ -65,6 +65,7 @@ void resolveAll() {
     resolve(r.lseek64, "lseek64");
     resolve(r.close, "close");
     resolve(r.ioctl, "ioctl");
+    resolve(r.ioctl_time64, "__ioctl_time64");
 }
 
 }  // namespace

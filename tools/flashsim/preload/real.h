@@ -63,6 +63,9 @@ struct RealFunctions {
     off64_t (*lseek64)(int, off64_t, int);
     int (*close)(int);
     int (*ioctl)(int, unsigned long, ...);
+    // 32-bit programs built with a 64-bit time_t call this one instead of
+    // ioctl; absent from 64-bit C libraries.
+    int (*ioctl_time64)(int, unsigned long, ...);
 };
 
 // Resolved before the first replacement runs (an unresolved entry is null;
