@@ -28,11 +28,6 @@ constexpr const char* kPhyInterface = "eth0";
 constexpr unsigned long kPhyIdRequest = SIOCDEVPRIVATE + 5;
 constexpr uint32_t kPartKindImage = 1;
 
-struct FileCloser {
-    void operator()(FILE* f) const { std::fclose(f); }
-};
-using UniqueFile = std::unique_ptr<FILE, FileCloser>;
-
 // A release at or below `bound` lacks the driver for `chip`.
 struct PhyRule {
     uint16_t phyId;
@@ -70,7 +65,7 @@ void FlashUpgrader::parseCapabilityForIds() {
         std::cerr << "parseCapabilityForIds: Warning - cannot open capability file" << std::endl;
         return;
     }
-    UniqueFile file(opened);
+    zel::UniqueFile file(opened);
 
     uint8_t app[CAP_APP_SECTION_SIZE];
     if (!readAt(file.get(), qim_get_be16(header + CAP_OFF_APP_LINK), app, sizeof app)) {

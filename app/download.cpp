@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <utility>
 
+#include "app/exit_status.h"
 #include "app/release_signature.h"
 #include "app/status_file.h"
 #include "app/stop_signal.h"
@@ -116,7 +117,7 @@ int FlashUpgrader::downloadFile(const std::string& host, const std::string& port
         // Formatted before anything else can change errno.
         zel_error_text(zel_error_from_errno(errno), errorText);
         std::cerr << "Error opening local file " << errorText << std::endl;
-        return ZEL_ACCES;
+        return exit_status::kDownloadOpenFailed;
     }
 
     writeError = 0;
@@ -124,7 +125,7 @@ int FlashUpgrader::downloadFile(const std::string& host, const std::string& port
                                     nullptr, nullptr, &activeRequest);
     if (rc != ZEL_SUCCESS) {
         std::cerr << "Error initiating recv: " << zel_error_text(rc, errorText) << std::endl;
-        return ZEL_INVALIDPARAMETER;
+        return exit_status::kDownloadStartFailed;
     }
     std::cout << "Starting file download" << std::endl;
     downloadResult = 0;
@@ -141,7 +142,7 @@ int FlashUpgrader::downloadFile(const std::string& host, const std::string& port
         }
         if (rc != ZEL_SUCCESS) {
             std::cerr << "Error processing events: " << zel_error_text(rc, errorText) << std::endl;
-            return ZEL_NOMEMORY;
+            return exit_status::kDownloadEventsFailed;
         }
     }
     if (downloadResult != 0) {
@@ -157,7 +158,6 @@ int FlashUpgrader::downloadFile(const std::string& host, const std::string& port
 
 int FlashUpgrader::downloadSignature(const std::string& host, const std::string& port,
                                      const std::string& remoteName, std::string* text) {
-    using release_signature::kExitSignatureRefused;
     const std::string signatureName = remoteName + release_signature::kSignatureExtension;
     zel_sockaddr server{};
     const char* service = port.empty() ? kDefaultTftpService : port.c_str();
@@ -174,7 +174,7 @@ int FlashUpgrader::downloadSignature(const std::string& host, const std::string&
         signatureText = nullptr;
         release_signature::printRefusal(remoteName, std::string("cannot fetch the signature: ") +
                                                         zel_error_text(rc, errorText));
-        return kExitSignatureRefused;
+        return exit_status::kSignatureRefused;
     }
     downloadResult = 0;
     const zel_utime maxWait = {1, 0};
@@ -186,12 +186,12 @@ int FlashUpgrader::downloadSignature(const std::string& host, const std::string&
         const zel_error_t why = rc != ZEL_SUCCESS ? rc : static_cast<zel_error_t>(downloadResult);
         release_signature::printRefusal(remoteName, "no signature " + signatureName + ": " +
                                                         zel_error_text(why, errorText));
-        return kExitSignatureRefused;
+        return exit_status::kSignatureRefused;
     }
     if (signatureTooLarge) {
         release_signature::printRefusal(remoteName, "signature " + signatureName + " larger than " +
                                                         std::to_string(QIM_SIGNATURE_TEXT_MAX) + " bytes");
-        return kExitSignatureRefused;
+        return exit_status::kSignatureRefused;
     }
     return ZEL_SUCCESS;
 }

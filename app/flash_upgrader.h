@@ -26,8 +26,6 @@
 #include <cstdint>
 #include <string>
 
-#include <mtd/mtd-user.h>
-
 #include "qim/qim_id.h"
 #include "support/errors.h"
 
@@ -35,6 +33,8 @@ struct zel_env;
 struct zel_tftp_client;
 struct zel_tftp_client_request;
 struct qim_package;
+// The geometry MEMGETINFO fills (<mtd/mtd-user.h>, included by the writers).
+struct mtd_info_user;
 namespace release_signature {
 struct Release;
 }
@@ -115,7 +115,7 @@ public:
     // Fetches the detached signature "<remoteName>.minisig" of the firmware
     // file `remoteName` from host:port into `text`
     // (at most QIM_SIGNATURE_TEXT_MAX bytes), after the firmware download,
-    // without a file. 0; release_signature::kExitSignatureRefused after
+    // without a file. 0; exit_status::kSignatureRefused after
     // printing why there is no signature.
     int downloadSignature(const std::string& host, const std::string& port, const std::string& remoteName,
                           std::string* text);
@@ -125,7 +125,7 @@ public:
 
     // Signed upgrades. With a release set (not owned; it outlives the
     // flash steps), verifyRelease checks its signature over the bytes about to
-    // be flashed: 0, or release_signature::kExitSignatureRefused after the
+    // be flashed: 0, or exit_status::kSignatureRefused after the
     // refusal line. Without one both return 0 at once.
     void setRelease(const release_signature::Release* release);
     int verifyRelease(const uint8_t* data, std::size_t size);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "app/command_line.h"
+#include "app/exit_status.h"
 #include "app/flash_upgrader.h"
 #include "app/release_signature.h"
 #include "app/status_file.h"
@@ -21,11 +22,6 @@
 #include "qim/qim_id.h"
 
 namespace {
-
-constexpr int kExitDownloadFailed = 2;
-constexpr int kExitUsage = 5;
-constexpr int kExitNotPartitionOrPackage = 6;
-constexpr int kExitAlreadyInProgress = ZEL_ALREADY;
 
 // Identifier overrides given with -O (model) and -A (manufacturer).
 struct Overrides {
@@ -76,7 +72,7 @@ int scanOptions(const std::vector<std::string>& args, bool* localSeen, Overrides
         const std::string& arg = args[i];
         if (arg == "-?" || arg == "--help") {
             command_line::printUsage(args[0]);
-            return kExitUsage;
+            return exit_status::kUsage;
         }
         if (arg == "-S") {
             status_file::queryStatus();
@@ -87,19 +83,19 @@ int scanOptions(const std::vector<std::string>& args, bool* localSeen, Overrides
             if (!takeOverride(args, i, "-A", ": Model ID override valid", ": Invalid Model ID",
                               &overrides->model, &overrides->modelId, QIM_MODEL_ID_ANY)) {
                 command_line::printUsage(args[0]);
-                return kExitUsage;
+                return exit_status::kUsage;
             }
         } else if (arg == "-A") {
             if (!takeOverride(args, i, "-O", ": Manf ID override valid", ": Invalid Manf ID",
                               &overrides->mfgc, &overrides->mfgcId, QIM_MFGC_ID_ANY)) {
                 command_line::printUsage(args[0]);
-                return kExitUsage;
+                return exit_status::kUsage;
             }
         } else if (arg == "-K") {
             if (i + 1 >= args.size()) {
                 std::cerr << "main" << ": -K needs a public key file" << std::endl;
                 command_line::printUsage(args[0]);
-                return kExitUsage;
+                return exit_status::kUsage;
             }
             key->given = true;
             key->path = args[i + 1];
@@ -196,7 +192,7 @@ int runUpgrade(zel_env* env, int argc, char** argv, const std::vector<std::strin
     };
     if (upgrader->init() != ZEL_SUCCESS) {
         std::cerr << "Error initialising brivlo" << std::endl;
-        return finish(kExitUsage);
+        return finish(exit_status::kUsage);
     }
 
     bool package = false;
@@ -205,7 +201,7 @@ int runUpgrade(zel_env* env, int argc, char** argv, const std::vector<std::strin
         if (!command_line::hasQimExtension(fileName)) {
             std::cerr << "main" << ": Error - file is not of type qim or missing partition name"
                       << std::endl;
-            return finish(kExitNotPartitionOrPackage);
+            return finish(exit_status::kNotPartitionOrPackage);
         }
         package = true;
         if (!known) {
@@ -254,7 +250,7 @@ int runUpgrade(zel_env* env, int argc, char** argv, const std::vector<std::strin
         // A download cut short by a signal is no download failure.
         if (rc != ZEL_SUCCESS && stop_signal::pending() == 0) {
             std::cerr << "TFTP download error" << std::endl;
-            return finish(kExitDownloadFailed);
+            return finish(exit_status::kDownloadFailed);
         }
         path = tmp_file::kDownloadPath;
     }
@@ -309,7 +305,7 @@ int brivloMain(int argc, char** argv) {
     if (envRc != ZEL_SUCCESS) {
         char text[ZEL_ERROR_TEXT_SIZE];
         std::printf("Error creating env: %s\n", zel_error_text(envRc, text));
-        return kExitUsage;
+        return exit_status::kUsage;
     }
     // Library errors, warnings and notices reach the terminal; the environment
     // is never released, the process ends holding it.
@@ -340,11 +336,11 @@ int brivloMain(int argc, char** argv) {
         if (locked != UpgradeLock::State::kBusy) {
             removeStatusFile();
         }
-        return kExitUsage;
+        return exit_status::kUsage;
     }
     if (locked == UpgradeLock::State::kBusy) {
         std::cerr << "main: Error - another upgrade is already in progress" << std::endl;
-        return kExitAlreadyInProgress;
+        return exit_status::kAlreadyInProgress;
     }
     stop_signal::install();
     return runUpgrade(env, argc, argv, args, localSeen, overrides, key);

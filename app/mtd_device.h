@@ -12,29 +12,9 @@
 #include <sys/ioctl.h>
 
 #include "support/errors.h"
+#include "support/unique_handles.h"
 
-// Owns one file descriptor and closes it exactly once; move-only, so every
-// early return of a writer closes what it opened.
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    ~UniqueFd() { reset(); }
-    UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept;
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-    // Gives up ownership without closing; the object then holds -1.
-    int release();
-    // Closes the held descriptor (if any) and takes `fd`.
-    void reset(int fd = -1);
-
-private:
-    int fd_ = -1;
-};
+using zel::UniqueFd;
 
 // Lock control of the board's flash driver (not part of mainline MTD): locks
 // or unlocks the byte range [start, start + length) of the partition.

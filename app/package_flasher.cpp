@@ -16,6 +16,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include "app/exit_status.h"
 #include "app/release_signature.h"
 #include "app/status_file.h"
 #include "app/stop_signal.h"
@@ -34,7 +35,6 @@ using UniquePackage = std::unique_ptr<qim_package, PackageFree>;
 // Result of writeQimToFlash when a part's bytes cannot be read: the part
 // table promises data that the file does not hold, so the package is treated
 // as damaged.
-constexpr int kPartReadFailed = static_cast<int>(ZEL_INVALIDDATA);
 
 enum class ReadResult { kOk, kFailed, kNoMemory };
 
@@ -95,7 +95,7 @@ zel_error_t loadPackage(const char* path, qim_package* package) {
     }
     int fd = -1;
     if (zel_tmp_file_open_trusted(path, &fd) != ZEL_SUCCESS) {
-        return ZEL_NOMEMORY;
+        return static_cast<zel_error_t>(exit_status::kPackageOpenFailed);
     }
     return qim_package_load_fd(package, fd, path);
 }
@@ -134,7 +134,7 @@ int FlashUpgrader::verifyQimSignature(const qim_package* package) {
     const int fd = qim_package_get_fd(package);
     if (fd < 0) {
         release_signature::printRefusal(releaseSignature->fileName, "package file is not open");
-        return release_signature::kExitSignatureRefused;
+        return exit_status::kSignatureRefused;
     }
     return verifyRelease(fd);
 }
@@ -147,7 +147,7 @@ int FlashUpgrader::loadAndCheckQimFile(const char* path, qim_package* package) {
     }
     if (qim_package_get_device_code(package) != qim_local_device_code()) {
         std::cerr << "device type mismatch" << std::endl;
-        return ZEL_TRUNCATED;
+        return exit_status::kDeviceCodeMismatch;
     }
     const int supported = validateFirmwareSupport(package);
     // The report is shown even for a refused package, so the operator sees
@@ -171,7 +171,7 @@ int FlashUpgrader::writeQimToFlash(qim_package* package) {
         std::cerr << "writeQimToFlash: Device manufacturer ID " << qim_id_to_hex(&mfgcId, device)
                   << " does not match QIM manufacturer ID " << qim_id_to_hex(&packageMfgc, offered)
                   << "." << std::endl;
-        return ZEL_VERSION;
+        return exit_status::kManufacturerMismatch;
     }
 
     const int validated = qim_package_get_fd(package);
@@ -207,7 +207,7 @@ int FlashUpgrader::writeQimToFlash(qim_package* package) {
         const ReadResult read = readPartData(validated, position, size, &data);
         if (read != ReadResult::kOk) {
             std::cerr << "writeQimToFlashError reading from file" << std::endl;
-            return read == ReadResult::kNoMemory ? static_cast<int>(ZEL_NOMEMORY) : kPartReadFailed;
+            return read == ReadResult::kNoMemory ? static_cast<int>(ZEL_NOMEMORY) : exit_status::kPartReadFailed;
         }
         const int rc = writeImageToFlash(name, size, isPartitionProtected(name),
                                          data.empty() ? nullptr : data.data());
@@ -222,5 +222,5 @@ int FlashUpgrader::writeQimToFlash(qim_package* package) {
         return ZEL_SUCCESS;
     }
     std::cerr << "writeQimToFlashNo matching partitions to flash" << std::endl;
-    return ZEL_VERSION;
+    return exit_status::kNoPartWritten;
 }

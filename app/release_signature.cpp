@@ -36,7 +36,7 @@ int loadKey(const std::string& keyPath, qim_signature_key* key) {
     const zel_error_t rc = qim_signature_key_load(keyPath.c_str(), key);
     if (rc != ZEL_SUCCESS) {
         std::cerr << "Release key " << keyPath << " cannot be used: " << loadFailure(rc) << std::endl;
-        return kExitSignatureRefused;
+        return ::exit_status::kSignatureRefused;
     }
     return 0;
 }
@@ -46,7 +46,7 @@ int loadLocalSignature(const std::string& fileName, qim_signature* signature) {
     const zel_error_t rc = qim_signature_load(path.c_str(), signature);
     if (rc != ZEL_SUCCESS) {
         printRefusal(fileName, "signature " + path + " " + loadFailure(rc));
-        return kExitSignatureRefused;
+        return ::exit_status::kSignatureRefused;
     }
     return 0;
 }
@@ -55,7 +55,7 @@ int parseFetchedSignature(const std::string& remoteName, const std::string& text
                           qim_signature* signature) {
     if (qim_signature_parse(text.data(), text.size(), signature) != ZEL_SUCCESS) {
         printRefusal(remoteName, "signature " + remoteName + kSignatureExtension + " malformed");
-        return kExitSignatureRefused;
+        return ::exit_status::kSignatureRefused;
     }
     return 0;
 }
@@ -82,7 +82,7 @@ int refuse(const release_signature::Release& release, zel_error_t rc, qim_signat
         reason = qim_signature_verdict_text(verdict);
     }
     release_signature::printRefusal(release.fileName, reason);
-    return release_signature::kExitSignatureRefused;
+    return ::exit_status::kSignatureRefused;
 }
 
 }  // namespace

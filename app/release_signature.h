@@ -7,11 +7,12 @@
 // the check runs on the exact bytes the writers then take: the raw image's
 // buffer, or the validated package file through one descriptor. Every refusal
 // is one line on standard error naming the file and the reason, and ends the
-// run with kExitSignatureRefused; nothing is erased.
+// run with exit_status::kSignatureRefused; nothing is erased.
 #pragma once
 
 #include <string>
 
+#include "app/exit_status.h"
 #include "qim/signature_file.h"
 #include "qim/signature_key.h"
 #include "support/errors.h"
@@ -19,7 +20,6 @@
 namespace release_signature {
 
 // Exit status of every refusal: an administrative policy violation.
-constexpr int kExitSignatureRefused = static_cast<int>(ZEL_POLICY);
 
 // The extension of a detached signature file.
 constexpr const char* kSignatureExtension = ".minisig";
@@ -32,15 +32,15 @@ struct Release {
 };
 
 // Reads the public key file named after -K into `key`. 0, or
-// kExitSignatureRefused after printing why the key cannot be used.
+// exit_status::kSignatureRefused after printing why the key cannot be used.
 int loadKey(const std::string& keyPath, qim_signature_key* key);
 
 // Reads "<fileName>.minisig" beside a local firmware file. 0, or
-// kExitSignatureRefused after printing why.
+// exit_status::kSignatureRefused after printing why.
 int loadLocalSignature(const std::string& fileName, qim_signature* signature);
 
 // Parses a signature fetched into memory (`remoteName` for the message). 0,
-// or kExitSignatureRefused after printing why.
+// or exit_status::kSignatureRefused after printing why.
 int parseFetchedSignature(const std::string& remoteName, const std::string& text,
                           qim_signature* signature);
 

@@ -14,15 +14,14 @@
 #include <memory>
 #include <sys/types.h>
 
+#include "support/unique_handles.h"
+
 namespace tmp_file {
 
 // The firmware file a tftp:// download is written into.
 constexpr const char* kDownloadPath = "/tmp/flashit";
 
-struct FileCloser {
-    void operator()(FILE* file) const { std::fclose(file); }
-};
-using UniqueFile = std::unique_ptr<FILE, FileCloser>;
+using zel::UniqueFile;
 
 // A new empty file at `path`, open for reading and writing ("w+b"), created
 // with `mode` (before the umask) after whatever was at the name is removed.

@@ -8,16 +8,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/unique_handles.h"
+
 namespace bench {
 
 namespace {
 
 int removeEntry(const char* path, const struct stat*, int, FTW*) { return ::remove(path); }
 
-struct FileCloser {
-    void operator()(FILE* f) const { std::fclose(f); }
-};
-using UniqueFile = std::unique_ptr<FILE, FileCloser>;
+using zel::UniqueFile;
 
 }  // namespace
 

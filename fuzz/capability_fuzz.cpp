@@ -14,6 +14,7 @@
 #include "qim/byte_order.h"
 #include "qim/capability.h"
 #include "qim/crc32.h"
+#include "support/unique_handles.h"
 
 namespace {
 
@@ -36,10 +37,7 @@ void fixCapu(std::vector<uint8_t>& f) {
     qim_put_be32(rec + CAPU_OFF_CRC, crc32_compute(rec, length));
 }
 
-struct FileCloser {
-    void operator()(FILE* f) const { std::fclose(f); }
-};
-using UniqueFile = std::unique_ptr<FILE, FileCloser>;
+using zel::UniqueFile;
 
 // A section reference must point into the record's length.
 void checkSections(const cap_record* rec) {

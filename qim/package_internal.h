@@ -7,16 +7,11 @@
 #include <memory>
 
 #include "qim/package.h"
+#include "support/unique_handles.h"
 
 namespace qim_internal {
 
-struct FileCloser {
-    void operator()(FILE* f) const {
-        if (f != nullptr) std::fclose(f);
-    }
-};
-// A stdio stream closed exactly once, on every return.
-using UniqueFile = std::unique_ptr<FILE, FileCloser>;
+using zel::UniqueFile;
 
 // Moves to a 64-bit position (the target's long is 32 bits wide).
 bool seek_to(FILE* f, uint64_t position);

@@ -289,12 +289,7 @@ zel_error_t qim_package_load(qim_package* pkg, const char* path) {
 zel_error_t qim_package_load_fd(qim_package* pkg, int fd, const char* path) {
     // The package owns the descriptor from here on: it keeps it only when
     // everything read through it was valid.
-    struct FdCloser {
-        int fd;
-        ~FdCloser() {
-            if (fd >= 0) ::close(fd);
-        }
-    } owned{fd};
+    zel::UniqueFd owned(fd);
     if (pkg == nullptr || path == nullptr || fd < 0) return ZEL_INVALIDPARAMETER;
     std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[fmt::kReadLimit]);
     if (!buf) return ZEL_NOMEMORY;
@@ -309,8 +304,7 @@ zel_error_t qim_package_load_fd(qim_package* pkg, int fd, const char* path) {
         rc = qim_internal::check_version3_file_crc(pkg, buf.get(), fd, path);
     }
     if (rc == ZEL_SUCCESS) {
-        pkg->fd = fd;
-        owned.fd = -1;
+        pkg->fd = owned.release();
     }
     return rc;
 }

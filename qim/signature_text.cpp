@@ -8,6 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/unique_handles.h"
+
 zel_error_t qim_signature_split_lines(const char* text, std::size_t length, qim_signature_lines* out) {
     if (text == nullptr || out == nullptr) return ZEL_INVALIDPARAMETER;
     if (std::memchr(text, '\0', length) != nullptr) return ZEL_INVALIDDATA;
@@ -50,28 +52,13 @@ zel_error_t qim_signature_decode_base64(const char* line, std::size_t length, ui
     return ZEL_SUCCESS;
 }
 
-namespace {
-
-struct FdCloser {
-    int fd;
-    ~FdCloser() {
-        if (fd >= 0) {
-            const int saved = errno;
-            ::close(fd);
-            errno = saved;
-        }
-    }
-};
-
-}  // namespace
-
 zel_error_t qim_signature_read_small_file(const char* path, char* buf, std::size_t size,
                                           std::size_t* length) {
     if (path == nullptr || buf == nullptr || length == nullptr) return ZEL_INVALIDPARAMETER;
-    FdCloser file{::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
-    if (file.fd < 0) return errno == ENOENT ? ZEL_NOTFOUND : ZEL_SYSTEM;
+    const zel::UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (file.get() < 0) return errno == ENOENT ? ZEL_NOTFOUND : ZEL_SYSTEM;
     struct stat st;
-    if (fstat(file.fd, &st) != 0) return ZEL_SYSTEM;
+    if (fstat(file.get(), &st) != 0) return ZEL_SYSTEM;
     if (!S_ISREG(st.st_mode)) {
         errno = EINVAL;
         return ZEL_SYSTEM;
@@ -82,7 +69,7 @@ zel_error_t qim_signature_read_small_file(const char* path, char* buf, std::size
         // One byte past `size` tells a file that fits from one that does not.
         char* into = done < size ? buf + done : &extra;
         const std::size_t want = done < size ? size - done : 1;
-        const ssize_t got = ::read(file.fd, into, want);
+        const ssize_t got = ::read(file.get(), into, want);
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) return ZEL_SYSTEM;
         if (got == 0) break;
