@@ -140,6 +140,11 @@ private:
     // `failureLine` on standard error and returns 4.
     int eraseBlocks(int fd, uint32_t erasesize, uint32_t blocks, int* count,
                     const std::string& failureLine);
+    // One half of the combined Linux image into its partition (kernel_rootfs.cpp):
+    // erase the blocks `length` bytes cover, then write them; 0 or the
+    // writers' code.
+    int writeHalf(const char* partition, const char* eraseError, int fd, const mtd_info_user& info,
+                  const uint8_t* data, uint32_t length, int* current);
 
     zel_env* env;
     qim_id modelId;

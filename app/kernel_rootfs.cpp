@@ -26,9 +26,55 @@ uint32_t readBigEndian32(const uint8_t* p) {
     return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | uint32_t{p[3]};
 }
 
-// A look at the rootfs partition's geometry ahead of its phase. A device
-// that cannot be opened or asked is left to the rootfs phase, which reports
-// it in its place.
+// One half of the combined image and the partition it goes to. The two
+// halves are handled alike; only a few of their messages differ in more
+// than the partition's name.
+struct Half {
+    const char* partition;
+    const char* infoError;
+    const char* eraseError;
+};
+const Half kKernel = {"kernel", ": Error getting kernel flash partition ", ": Error erasing kernel partition"};
+const Half kRootfs = {"rootfs", ": Error getting rootfs flash partition", ": Error erasing rootfs flash partition"};
+
+// Opens the half's partition and reads its geometry: 0, or the code after
+// the message.
+int openHalf(const Half& half, UniqueFd* device, mtd_info_user* info) {
+    *device = mtd::openDevice(std::string("/dev/flash/") + half.partition);
+    if (!device->valid()) {
+        std::cerr << kName << ": Error opening " << half.partition << " flash partition " << std::endl;
+        return ZEL_ACCES;
+    }
+    if (mtd::getInfo(device->get(), info) != ZEL_SUCCESS) {
+        std::cerr << kName << half.infoError << std::endl;
+        return ZEL_INVALIDDATA;
+    }
+    return ZEL_SUCCESS;
+}
+
+// Whether `length` bytes can be written whole into the half's partition:
+// they fit, and its erase block and write unit are usable. 0, or the code
+// after the message.
+int checkHalfFits(const Half& half, const mtd_info_user& info, uint64_t length) {
+    if (length > info.size) {
+        std::cerr << kName << "Image size too big for " << half.partition << " partition" << std::endl;
+        return ZEL_INVALIDDATA;
+    }
+    if (info.erasesize == 0) {
+        std::cerr << kName << ": Invalid erase size " << half.partition << " partition" << std::endl;
+        return ZEL_INVALIDDATA;
+    }
+    if (!write_unit::fits(info)) {
+        std::cerr << kName << ": Invalid write size " << half.partition << " partition" << std::endl;
+        return ZEL_INVALIDDATA;
+    }
+    return ZEL_SUCCESS;
+}
+
+// A look at the rootfs partition's geometry ahead of its phase: its half is
+// padded to its own write unit, so a unit it cannot be written in must be
+// refused before the kernel is erased. A device that cannot be opened or
+// asked is left to the rootfs phase, which reports it in its place.
 bool rootfsWriteUnitFits() {
     UniqueFd rootfs = mtd::openDevice("/dev/flash/rootfs");
     mtd_info_user info{};
@@ -40,17 +86,23 @@ bool rootfsWriteUnitFits() {
 
 }  // namespace
 
-int FlashUpgrader::eraseAndWriteKernelRootFs(uint32_t size, int current, const uint8_t* image) {
-    // Kernel phase.
-    UniqueFd kernel = mtd::openDevice("/dev/flash/kernel");
-    if (!kernel.valid()) {
-        std::cerr << kName << ": Error opening kernel flash partition " << std::endl;
-        return ZEL_ACCES;
+int FlashUpgrader::writeHalf(const char* partition, const char* eraseError, int fd, const mtd_info_user& info,
+                             const uint8_t* data, uint32_t length, int* current) {
+    const int rc = eraseBlocks(fd, info.erasesize, progress::blocksFor(length, info.erasesize), current,
+                               std::string(kName) + eraseError);
+    if (rc != ZEL_SUCCESS) {
+        return rc;
     }
+    std::cout << "Writing file to " << partition << " flash partition" << std::endl;
+    return writeToFlash(fd, data, length, info, current);
+}
+
+int FlashUpgrader::eraseAndWriteKernelRootFs(uint32_t size, int current, const uint8_t* image) {
+    UniqueFd kernel;
     mtd_info_user kernelInfo{};
-    if (mtd::getInfo(kernel.get(), &kernelInfo) != ZEL_SUCCESS) {
-        std::cerr << kName << ": Error getting kernel flash partition " << std::endl;
-        return ZEL_INVALIDDATA;
+    int rc = openHalf(kKernel, &kernel, &kernelInfo);
+    if (rc != ZEL_SUCCESS) {
+        return rc;
     }
     const uint32_t headerOffset = kernelInfo.erasesize;
     // Nothing past the end of the image may be read: the header fields must lie
@@ -64,78 +116,47 @@ int FlashUpgrader::eraseAndWriteKernelRootFs(uint32_t size, int current, const u
         std::cerr << kName << "U-boot header magic incorrect" << std::endl;
         return ZEL_INVALIDDATA;
     }
-    const uint32_t dataSize = readBigEndian32(image + headerOffset + kUbootDataSizeOffset);
-    const uint32_t kernelLength = headerOffset + kKernelFixedPart + dataSize;
-    if (kernelLength > kernelInfo.size) {
-        std::cerr << kName << "Image size too big for kernel partition" << std::endl;
-        return ZEL_INVALIDDATA;
+    // In 64 bits, so a header that announces more than 4 GiB is simply too
+    // big for the partition instead of wrapping to a small length.
+    const uint64_t kernelLength =
+        uint64_t{headerOffset} + kKernelFixedPart + readBigEndian32(image + headerOffset + kUbootDataSizeOffset);
+    rc = checkHalfFits(kKernel, kernelInfo, kernelLength);
+    if (rc != ZEL_SUCCESS) {
+        return rc;
     }
-    if (headerOffset == 0) {
-        std::cerr << kName << ": Invalid erase size kernel partition" << std::endl;
-        return ZEL_INVALIDDATA;
-    }
-    if (!write_unit::fits(kernelInfo)) {
-        std::cerr << kName << ": Invalid write size kernel partition" << std::endl;
-        return ZEL_INVALIDDATA;
-    }
-    // The rootfs half is padded to its own partition's write unit: a unit it
-    // cannot be written in must be refused now, before the kernel is erased.
     if (!rootfsWriteUnitFits()) {
         std::cerr << kName << ": Invalid write size rootfs partition" << std::endl;
         return ZEL_INVALIDDATA;
     }
-    // The header may promise more than the file holds (or a length that wraps
-    // in 32 bits): refuse before anything is erased.
-    const uint64_t fullKernelLength = uint64_t{headerOffset} + kKernelFixedPart + dataSize;
-    if (fullKernelLength > size) {
+    // The header may promise more than the file holds: refuse before
+    // anything is erased.
+    if (kernelLength > size) {
         std::cerr << kName << ": Error - image of size " << size << " shorter than kernel length "
-                  << fullKernelLength << std::endl;
+                  << kernelLength << std::endl;
         return ZEL_INVALIDDATA;
     }
-
-    int rc = eraseBlocks(kernel.get(), headerOffset, progress::blocksFor(kernelLength, headerOffset),
-                         &current, std::string(kName) + ": Error erasing kernel partition");
-    if (rc != ZEL_SUCCESS) {
-        return rc;
-    }
-    std::cout << "Writing file to kernel flash partition" << std::endl;
-    rc = writeToFlash(kernel.get(), image, kernelLength, kernelInfo, &current);
+    // Fits the 32-bit image size from here on.
+    const uint32_t kernelBytes = static_cast<uint32_t>(kernelLength);
+    rc = writeHalf(kKernel.partition, kKernel.eraseError, kernel.get(), kernelInfo, image, kernelBytes, &current);
     kernel.reset();
     if (rc != ZEL_SUCCESS) {
         return rc;
     }
 
     // Root file system phase; a failure here leaves the new kernel in place.
-    UniqueFd rootfs = mtd::openDevice("/dev/flash/rootfs");
-    if (!rootfs.valid()) {
-        std::cerr << kName << ": Error opening rootfs flash partition " << std::endl;
-        return ZEL_ACCES;
-    }
+    UniqueFd rootfs;
     mtd_info_user rootfsInfo{};
-    if (mtd::getInfo(rootfs.get(), &rootfsInfo) != ZEL_SUCCESS) {
-        std::cerr << kName << ": Error getting rootfs flash partition" << std::endl;
-        return ZEL_INVALIDDATA;
-    }
-    const uint32_t rootfsLength = size - kernelLength;
-    if (rootfsLength > rootfsInfo.size) {
-        std::cerr << kName << "Image size too big for rootfs partition" << std::endl;
-        return ZEL_INVALIDDATA;
-    }
-    if (rootfsInfo.erasesize == 0) {
-        std::cerr << kName << ": Invalid erase size rootfs partition" << std::endl;
-        return ZEL_INVALIDDATA;
-    }
-    if (!write_unit::fits(rootfsInfo)) {
-        // Changed since the look before the kernel phase.
-        std::cerr << kName << ": Invalid write size rootfs partition" << std::endl;
-        return ZEL_INVALIDDATA;
-    }
-    rc = eraseBlocks(rootfs.get(), rootfsInfo.erasesize,
-                     progress::blocksFor(rootfsLength, rootfsInfo.erasesize), &current,
-                     std::string(kName) + ": Error erasing rootfs flash partition");
+    rc = openHalf(kRootfs, &rootfs, &rootfsInfo);
     if (rc != ZEL_SUCCESS) {
         return rc;
     }
-    std::cout << "Writing file to rootfs flash partition" << std::endl;
-    return writeToFlash(rootfs.get(), image + kernelLength, rootfsLength, rootfsInfo, &current);
+    const uint32_t rootfsBytes = size - kernelBytes;
+    // Checked again: the geometry may have changed since the look before the
+    // kernel phase.
+    rc = checkHalfFits(kRootfs, rootfsInfo, rootfsBytes);
+    if (rc != ZEL_SUCCESS) {
+        return rc;
+    }
+    return writeHalf(kRootfs.partition, kRootfs.eraseError, rootfs.get(), rootfsInfo, image + kernelBytes,
+                     rootfsBytes, &current);
 }

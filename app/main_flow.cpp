@@ -166,15 +166,104 @@ void removeStatusFile() {
     std::remove(status_file::kStatusPath);
 }
 
-int runUpgrade(zel_env* env, int argc, char** argv, const std::vector<std::string>& args,
-               bool localSeen, const Overrides& overrides, const KeyOption& keyOption) {
+// What the command line asks for, taken from the argument words alone.
+struct Invocation {
     command_line::Source source;
-    if (!localSeen) {
-        source = command_line::parseSource(args[1]);
-    }
-    const std::string fileName = args[2];
-    const std::string partitionName = args[3];
+    std::string fileName;
+    std::string partitionName;
+    // The word after the partition position: a manufacturer identifier in
+    // the package form with identifiers; empty when there is none.
+    std::string positionalMfgc;
+    bool hasPositionalMfgc = false;
+    Overrides overrides;
+    KeyOption key;
+};
 
+Invocation readInvocation(const std::vector<std::string>& args, bool localSeen, const Overrides& overrides,
+                          const KeyOption& key) {
+    Invocation run;
+    if (!localSeen) {
+        run.source = command_line::parseSource(args[1]);
+    }
+    run.fileName = args[2];
+    run.partitionName = args[3];
+    run.hasPositionalMfgc = args.size() > 4;
+    if (run.hasPositionalMfgc) {
+        run.positionalMfgc = args[4];
+    }
+    run.overrides = overrides;
+    run.key = key;
+    return run;
+}
+
+// Raw image or package, and for a package the identities it is matched
+// against. Returns -1 to go on (with *package set), or the exit status after
+// printing why not.
+int chooseTarget(FlashUpgrader& upgrader, const Invocation& run, const std::string& program, bool* package) {
+    const std::string& partition = run.partitionName;
+    const bool known = FlashUpgrader::isValidPartitionName(partition);
+    *package = false;
+    if (partition.empty() || (known && partition != "qim")) {
+        return -1;
+    }
+    if (!command_line::hasQimExtension(run.fileName)) {
+        std::cerr << "main" << ": Error - file is not of type qim or missing partition name" << std::endl;
+        return exit_status::kNotPartitionOrPackage;
+    }
+    *package = true;
+    if (!known) {
+        // Package form with identifiers in place of the partition name.
+        qim_id model = QIM_MODEL_ID_ANY;
+        const zel_error_t rc = qim_id_from_hex(&model, partition.c_str());
+        if (rc != ZEL_SUCCESS) {
+            std::cerr << "main" << ": Invalid argument \"" << partition << "\"" << std::endl;
+            command_line::printUsage(program);
+            return static_cast<int>(rc);
+        }
+        upgrader.setModelId(model);
+        if (run.hasPositionalMfgc) {
+            qim_id mfgc = QIM_MFGC_ID_ANY;
+            qim_id_from_hex(&mfgc, run.positionalMfgc.c_str());  // a failure leaves the wildcard
+            upgrader.setMfgcId(mfgc);
+        }
+    }
+    // -O and -A win over the device and the positional identifiers.
+    if (run.overrides.model) {
+        upgrader.setModelId(run.overrides.modelId);
+    }
+    if (run.overrides.mfgc) {
+        upgrader.setMfgcId(run.overrides.mfgcId);
+    }
+    return -1;
+}
+
+// With -K, the release key, loaded before any download so that a key that
+// cannot be used never costs a transfer. 0, or the exit status.
+int loadReleaseKey(const Invocation& run, std::unique_ptr<release_signature::Release>* release) {
+    if (!run.key.given) {
+        return ZEL_SUCCESS;
+    }
+    release->reset(new release_signature::Release());
+    (*release)->fileName = run.fileName;
+    return release_signature::loadKey(run.key.path, &(*release)->key);
+}
+
+// The signature of the file to be flashed: from the same server, into
+// memory, for a download; from beside it for a local file. 0, or the exit
+// status after the refusal was printed.
+int fetchSignature(FlashUpgrader& upgrader, const Invocation& run, release_signature::Release* release) {
+    if (!run.source.download) {
+        return release_signature::loadLocalSignature(run.fileName, &release->signature);
+    }
+    std::string text;
+    const int fetched = upgrader.downloadSignature(run.source.host, run.source.port, run.fileName, &text);
+    if (fetched != ZEL_SUCCESS) {
+        return fetched;
+    }
+    return release_signature::parseFetchedSignature(run.fileName, text, &release->signature);
+}
+
+int runUpgrade(zel_env* env, const std::vector<std::string>& args, const Invocation& run) {
     std::unique_ptr<FlashUpgrader> upgrader(new FlashUpgrader(env));
     // Every return below this point destroys the context before the status
     // file goes, so nothing writes the file after its removal.
@@ -196,57 +285,20 @@ int runUpgrade(zel_env* env, int argc, char** argv, const std::vector<std::strin
     }
 
     bool package = false;
-    const bool known = FlashUpgrader::isValidPartitionName(partitionName);
-    if (!partitionName.empty() && !(known && partitionName != "qim")) {
-        if (!command_line::hasQimExtension(fileName)) {
-            std::cerr << "main" << ": Error - file is not of type qim or missing partition name"
-                      << std::endl;
-            return finish(exit_status::kNotPartitionOrPackage);
-        }
-        package = true;
-        if (!known) {
-            // Package form with identifiers in place of the partition name.
-            qim_id model = QIM_MODEL_ID_ANY;
-            const zel_error_t rc = qim_id_from_hex(&model, argv[3]);
-            if (rc != ZEL_SUCCESS) {
-                std::cerr << "main" << ": Invalid argument \"" << argv[3] << "\"" << std::endl;
-                command_line::printUsage(args[0]);
-                return finish(static_cast<int>(rc));
-            }
-            const qim_id current = upgrader->getModelId();
-            if (!qim_id_equal(&model, &current)) {
-                upgrader->setModelId(model);
-            }
-            if (argc != 4) {
-                qim_id mfgc = QIM_MFGC_ID_ANY;
-                qim_id_from_hex(&mfgc, argv[4]);  // a failure leaves the wildcard
-                upgrader->setMfgcId(mfgc);
-            }
-        }
-        // -O and -A win over the device and the positional identifiers.
-        if (overrides.model) {
-            upgrader->setModelId(overrides.modelId);
-        }
-        if (overrides.mfgc) {
-            upgrader->setMfgcId(overrides.mfgcId);
-        }
+    const int chosen = chooseTarget(*upgrader, run, args[0], &package);
+    if (chosen >= 0) {
+        return finish(chosen);
     }
-
-    // Signed upgrades: a key that cannot be used ends the run before any
-    // download. The release outlives the upgrader, which only points at it.
+    // The release outlives the upgrader, which only points at it.
     std::unique_ptr<release_signature::Release> release;
-    if (keyOption.given) {
-        release.reset(new release_signature::Release());
-        release->fileName = fileName;
-        const int keyLoaded = release_signature::loadKey(keyOption.path, &release->key);
-        if (keyLoaded != ZEL_SUCCESS) {
-            return finish(keyLoaded);
-        }
+    const int keyLoaded = loadReleaseKey(run, &release);
+    if (keyLoaded != ZEL_SUCCESS) {
+        return finish(keyLoaded);
     }
 
-    std::string path = fileName;
-    if (source.download) {
-        const int rc = upgrader->downloadFile(source.host, source.port, fileName);
+    std::string path = run.fileName;
+    if (run.source.download) {
+        const int rc = upgrader->downloadFile(run.source.host, run.source.port, run.fileName);
         // A download cut short by a signal is no download failure.
         if (rc != ZEL_SUCCESS && stop_signal::pending() == 0) {
             std::cerr << "TFTP download error" << std::endl;
@@ -258,18 +310,7 @@ int runUpgrade(zel_env* env, int argc, char** argv, const std::vector<std::strin
         return stopped(signal);
     }
     if (release) {
-        // The signature of a download comes from the same server, into
-        // memory; a local file's lies beside it.
-        int signatureRead = ZEL_SUCCESS;
-        if (source.download) {
-            std::string text;
-            signatureRead = upgrader->downloadSignature(source.host, source.port, fileName, &text);
-            if (signatureRead == ZEL_SUCCESS) {
-                signatureRead = release_signature::parseFetchedSignature(fileName, text, &release->signature);
-            }
-        } else {
-            signatureRead = release_signature::loadLocalSignature(fileName, &release->signature);
-        }
+        const int signatureRead = fetchSignature(*upgrader, run, release.get());
         if (signatureRead != ZEL_SUCCESS) {
             return finish(signatureRead);
         }
@@ -280,7 +321,7 @@ int runUpgrade(zel_env* env, int argc, char** argv, const std::vector<std::strin
     if (package) {
         flashed = upgrader->flashQimFile(path.c_str());
     } else {
-        const int rc = flashRawImage(*upgrader, path, partitionName);
+        const int rc = flashRawImage(*upgrader, path, run.partitionName);
         if (rc != ZEL_SUCCESS) {
             return finish(rc);
         }
@@ -331,7 +372,7 @@ int brivloMain(int argc, char** argv) {
     // the status file of an upgrade that holds it belongs to that upgrade.
     UpgradeLock lock;
     const UpgradeLock::State locked = lock.acquire();
-    if (argc <= 3) {
+    if (args.size() <= 3) {
         command_line::printUsage(args[0]);
         if (locked != UpgradeLock::State::kBusy) {
             removeStatusFile();
@@ -343,5 +384,5 @@ int brivloMain(int argc, char** argv) {
         return exit_status::kAlreadyInProgress;
     }
     stop_signal::install();
-    return runUpgrade(env, argc, argv, args, localSeen, overrides, key);
+    return runUpgrade(env, args, readInvocation(args, localSeen, overrides, key));
 }
