@@ -11,7 +11,6 @@
 # BRIVLO_ARM_BUILD names another build directory.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-root=$(pwd)
 started=$SECONDS
 
 triple=arm-linux-gnueabihf
@@ -22,32 +21,15 @@ jobs=$(nproc 2>/dev/null || echo 2)
 BRIVLO_DEPS_EXTRA="g++-$triple qemu-user-static binfmt-support googletest ${BRIVLO_DEPS_EXTRA:-}" scripts/deps.sh
 
 # --- zlib for the ARM tests ---------------------------------------------------
-# test_qim checks the CRC against zlib's, so the ARM tests need an ARM zlib.
-# Debian's zlib1g-dev:armhf is fetched with apt into the build directory (a
-# private package list; the machine's package configuration stays untouched)
-# and linked statically.
-deps=$root/$build/deps
-zlib_lib=$deps/root/usr/lib/$triple/libz.a
-if [ ! -f "$zlib_lib" ]; then
-  echo "== fetch zlib1g-dev:armhf"
-  mkdir -p "$deps/lists/partial" "$deps/cache/archives/partial" "$deps/debs"
-  apt_armhf=(apt-get -q -o "Dir::State::Lists=$deps/lists" -o "Dir::Cache=$deps/cache"
-             -o APT::Architecture=armhf -o APT::Architectures::=armhf -o APT::Sandbox::User=root)
-  # An index of some other suite may fail to come; the download says whether
-  # the one that holds zlib did.
-  "${apt_armhf[@]}" update >"$deps/update.log" 2>&1 || true
-  if ! (cd "$deps/debs" && "${apt_armhf[@]}" download zlib1g-dev:armhf >"$deps/download.log" 2>&1); then
-    cat "$deps/update.log" "$deps/download.log" >&2
-    echo "arm.sh: cannot fetch zlib1g-dev:armhf" >&2
-    exit 1
-  fi
-  dpkg-deb -x "$deps"/debs/zlib1g-dev_*_armhf.deb "$deps/root"
-fi
+# test_qim checks the CRC against zlib's, so the ARM tests need an ARM zlib,
+# linked statically.
+zlib_lib=$(scripts/arm_zlib.sh "$build")
+zlib_root=${zlib_lib%/lib/$triple/libz.a}
 
 # --- build --------------------------------------------------------------------
 echo "== configure $build"
 cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE=cmake/$triple.cmake -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DBRIVLO_WERROR=ON -DZLIB_INCLUDE_DIR="$deps/root/usr/include" -DZLIB_LIBRARY="$zlib_lib" >/dev/null
+  -DBRIVLO_WERROR=ON -DZLIB_INCLUDE_DIR="$zlib_root/include" -DZLIB_LIBRARY="$zlib_lib" >/dev/null
 echo "== build $build"
 cmake --build "$build" -j"$jobs"
 build_done=$SECONDS
