@@ -28,8 +28,7 @@ zlib_root=${zlib_lib%/lib/$triple/libz.a}
 
 # --- build --------------------------------------------------------------------
 echo "== configure $build"
-cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE=cmake/$triple.cmake -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DBRIVLO_WERROR=ON -DZLIB_INCLUDE_DIR="$zlib_root/include" -DZLIB_LIBRARY="$zlib_lib" >/dev/null
+cmake --preset arm -B "$build" -DZLIB_INCLUDE_DIR="$zlib_root/include" -DZLIB_LIBRARY="$zlib_lib" >/dev/null
 echo "== build $build"
 cmake --build "$build" -j"$jobs"
 build_done=$SECONDS
