@@ -77,7 +77,7 @@ else
   echo "== binfmt_misc cannot hand ARM programs to qemu-arm on this machine:" >&2
   echo "   only the unit tests run (each through qemu-arm -L $cross_root); the" >&2
   echo "   tests that start brivlo, qimtool or flashsim (e2e, flashsim, qimtool) cannot." >&2
-  for t in "$build"/tests/test_*; do
+  for t in "$build"/tests/*/test_*; do
     [ -x "$t" ] || continue
     case $(basename "$t") in
       test_e2e | test_flashsim | test_qimtool) continue ;;
