@@ -5,6 +5,8 @@
 
 #include <iostream>
 
+#include "qim/partition_map.h"
+
 namespace {
 
 // Part kind 28 ("unknown"): no package part is written to the partition.
@@ -42,19 +44,6 @@ constexpr Partition kPartitions[] = {
     {"sii9777s", 23, false, false},
     {"vconfig", 25, false, false},
     {"safeall", kPartUnknown, true, true},
-};
-
-// Part kinds 0..27 to partition; three FPGA image kinds share "fpga".
-struct KindTarget {
-    uint32_t kind;
-    const char* partition;
-};
-
-constexpr KindTarget kKindTargets[] = {
-    {0, "flashall"}, {1, "image"},     {2, "fpga"},    {3, "license"},   {4, "config"},
-    {6, "boot"},     {9, "capability"}, {10, "bootenv"}, {11, "userarea"}, {12, "fpga"},
-    {13, "safefpga"}, {16, "brdinfo"}, {21, "imxrt"},  {22, "vcodec"},   {23, "sii9777s"},
-    {25, "vconfig"}, {27, "fpga"},
 };
 
 const Partition* findPartition(const std::string& name) {
@@ -100,11 +89,5 @@ int FlashUpgrader::isPartitionProtected(std::string name) {
     return partition->isProtected ? 1 : 0;
 }
 
-std::string FlashUpgrader::partIdToPartitionName(uint32_t partId) {
-    for (const KindTarget& target : kKindTargets) {
-        if (target.kind == partId) {
-            return target.partition;
-        }
-    }
-    return std::string();
-}
+// The package library holds the one table of part kinds and partitions.
+std::string FlashUpgrader::partIdToPartitionName(uint32_t partId) { return qim_part_partition_name(partId); }

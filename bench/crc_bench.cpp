@@ -4,6 +4,7 @@
 #include <zlib.h>
 
 #include <chrono>
+#include <ctime>
 #include <cstdio>
 #include <functional>
 #include <stdexcept>
@@ -69,19 +70,38 @@ void writePackage(const ScratchDir& dir, const std::vector<uint8_t>& data, const
     if (rc != ZEL_SUCCESS) throw std::runtime_error("cannot build the benchmark package");
 }
 
+// Milliseconds of this thread's processor time: under emulation (qemu-arm)
+// and on a loaded machine, wall time mostly measures the other processes.
+double cpuMs() {
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) * 1000.0 + static_cast<double>(ts.tv_nsec) / 1e6;
+}
+
 }  // namespace
 
 void crcBenchmarks(const Config& config, Table& table) {
     const int runs = config.runs;
     const std::vector<uint8_t> data = patternBytes(kSize, 12345);
 
-    uint32_t ours = 0, ref = 0, tables = 0;
-    const double refMs = medianMs(runs, [&] { ref = static_cast<uint32_t>(crc32(0L, data.data(), kSize)); });
-    const double oursMs = medianMs(runs, [&] { ours = crc32_compute(data.data(), kSize); });
-    const double tablesMs = medianMs(runs, [&] { tables = ~crc32_update_tables(CRC32_INIT, data.data(), kSize); });
-    if (ours != ref || tables != ref) {
+    // The three take turns within each run, so the machine's load and the
+    // caches treat them alike; the median of each is reported.
+    uint32_t ours = 0, ref = 0, portable = 0;
+    std::vector<double> refRuns, oursRuns, portableRuns;
+    const auto timed = [](std::vector<double>& into, const std::function<void()>& work) {
+        const double t0 = cpuMs();
+        work();
+        into.push_back(cpuMs() - t0);
+    };
+    for (int i = 0; i < runs; ++i) {
+        timed(refRuns, [&] { ref = static_cast<uint32_t>(crc32(0L, data.data(), kSize)); });
+        timed(oursRuns, [&] { ours = crc32_compute(data.data(), kSize); });
+        timed(portableRuns, [&] { portable = ~crc32_update_portable(CRC32_INIT, data.data(), kSize); });
+    }
+    const double refMs = median(refRuns), oursMs = median(oursRuns), portableMs = median(portableRuns);
+    if (ours != ref || portable != ref) {
         char text[128];
-        std::snprintf(text, sizeof text, "CRC mismatch: ours %08x, tables %08x, zlib %08x", ours, tables, ref);
+        std::snprintf(text, sizeof text, "CRC mismatch: ours %08x, portable %08x, zlib %08x", ours, portable, ref);
         throw std::runtime_error(text);
     }
 
@@ -117,8 +137,12 @@ void crcBenchmarks(const Config& config, Table& table) {
     const std::string crcName = "CRC-32, 32 MiB in memory";
     table.add({crcName, "crc32_update", msAndRate(oursMs), "zlib crc32", msAndRate(refMs), oursMs / refMs,
                "ratio <= 1.00", verdictOf(oursMs <= refMs)});
-    table.add({crcName, "crc32_update, table path (other CPUs)", msAndRate(tablesMs), "zlib crc32",
-               msAndRate(refMs), tablesMs / refMs, "", Verdict::kReported});
+    // Where crc32_update folds with carry-less multiplication, the portable
+    // path (the board's) is only reported; where it does not, the two rows
+    // measure the same code.
+    table.add({crcName, "crc32_update, portable path", msAndRate(portableMs), "zlib crc32", msAndRate(refMs),
+               portableMs / refMs, crc32_clmul_available() ? "" : "ratio <= 1.00",
+               crc32_clmul_available() ? Verdict::kReported : verdictOf(portableMs <= refMs)});
     table.add({"package validation, 32 MiB file", "qim_package_load", msAndRate(loadMs),
                "zlib crc32 over the file, 4 KiB reads", msAndRate(zfileMs), loadMs / zfileMs, "ratio <= 1.20",
                verdictOf(loadMs <= 1.2 * zfileMs)});

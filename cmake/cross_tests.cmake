@@ -19,13 +19,13 @@ endif()
 
 set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
 set(BUILD_GMOCK ON CACHE BOOL "" FORCE)
-# Third-party code: its warnings are not ours to turn into errors.
-get_directory_property(brivlo_saved_options COMPILE_OPTIONS)
-set(brivlo_gtest_options ${brivlo_saved_options})
-list(REMOVE_ITEM brivlo_gtest_options -Werror)
-set_directory_properties(PROPERTIES COMPILE_OPTIONS "${brivlo_gtest_options}")
+# Third-party code: built without the project's warnings (nothing is set for
+# the whole tree), but with its view of the C library's types, which the
+# tests share with it.
 add_subdirectory(${BRIVLO_GTEST_SOURCE_DIR} ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
-set_directory_properties(PROPERTIES COMPILE_OPTIONS "${brivlo_saved_options}")
+foreach(lib gtest gtest_main gmock gmock_main)
+  target_link_libraries(${lib} PRIVATE brivlo_platform)
+endforeach()
 
 foreach(lib gtest gtest_main gmock gmock_main)
   if(NOT TARGET GTest::${lib})

@@ -128,7 +128,7 @@ zel_error_t zel_event_loop__set_socket(zel_event_loop* loop, int descriptor, int
     zel_list_push_back(&slot.entries, &fresh->node);
     FD_SET(descriptor, &slot.bits);
     if (descriptor + 1 > slot.bound) slot.bound = descriptor + 1;
-    fresh.release();
+    fresh.release();  // NOLINT(bugprone-unused-return-value): the slot's list owns the record now
     return ZEL_SUCCESS;
 }
 

@@ -46,68 +46,78 @@ static void zel_tftp_client_request__handle_error_message(zel_tftp_client_reques
     zel_tftp_client_request__fail(request, zel_tftp_error_from_code(view.number));
 }
 
-// Accepts, repeats or drops the block, acknowledges what it accepted, and
-// moves the request on. Nothing may touch `request` after a callback ran: the
-// callback may reset it.
-static void zel_tftp_client_request__handle_data_message(zel_tftp_client_request* request,
-                                                         const zel_tftp_packet_view& view) {
-    zel_log* log = zel_tftp_client_request__log(request);
-    if (view.kind == ZEL_TFTP_PACKET_MALFORMED) {
-        zel_log_printf(log, ZEL_LOG_ERROR, "%s: ignoring invalid data packet (only %u bytes long)\n", __func__,
-                       static_cast<unsigned>(request->incoming.length));
-        return;
-    }
-    const uint16_t received = view.number;
-    const uint32_t data_length = view.payload_length;
-    zel_log_printf(log, ZEL_LOG_DEBUG, "%s: got a DATA packet, block_id=%d (curr=%d) data_length=%u\n", __func__,
-                   static_cast<int>(received), static_cast<int>(request->block), static_cast<unsigned>(data_length));
+// The steps of a DATA packet. Their log lines carry the name of the DATA
+// handler (`step`), which is what readers of the log know them by.
 
-    bool wrote = false;
-    switch (zel_tftp_classify_block(request->block, received)) {
-    case ZEL_TFTP_BLOCK_NEW: {
-        if (data_length > 0) {
-            request->write(view.payload, data_length, 1, request->file);
-            request->bytes_transferred += data_length;
-            wrote = true;
-        }
-        request->block = received;
-        // Progress restarts both clocks: the next retry and the abort deadline
-        // count from this block.
-        zel_error_t err = zel_event_timer__reschedule_periodic(request->retry_timer, nullptr, &request->retry_timeout);
-        if (err != ZEL_SUCCESS) {
-            zel_log_printf(log, ZEL_LOG_ERROR, "%s: Error updating retry timer: %s\n", __func__,
-                           zel_tftp_client_request__error_text(request, err));
-            zel_tftp_client_request__fail(request, err);
-            return;
-        }
-        err = zel_event_timer__reschedule(request->abort_timer, nullptr, &request->abort_timeout);
-        if (err != ZEL_SUCCESS) {
-            zel_log_printf(log, ZEL_LOG_ERROR, "%s: Error updating abort timer: %s\n", __func__,
-                           zel_tftp_client_request__error_text(request, err));
-            zel_tftp_client_request__fail(request, err);
-            return;
-        }
-        break;
+// Restarts both clocks on progress: the next retry and the abort deadline
+// count from this block. False (request failed) when a timer cannot change.
+static bool zel_tftp_client_request__restart_timers(zel_tftp_client_request* request, const char* step) {
+    zel_log* log = zel_tftp_client_request__log(request);
+    zel_error_t err = zel_event_timer__reschedule_periodic(request->retry_timer, nullptr, &request->retry_timeout);
+    if (err != ZEL_SUCCESS) {
+        zel_log_printf(log, ZEL_LOG_ERROR, "%s: Error updating retry timer: %s\n", step,
+                       zel_tftp_client_request__error_text(request, err));
+        zel_tftp_client_request__fail(request, err);
+        return false;
     }
+    err = zel_event_timer__reschedule(request->abort_timer, nullptr, &request->abort_timeout);
+    if (err != ZEL_SUCCESS) {
+        zel_log_printf(log, ZEL_LOG_ERROR, "%s: Error updating abort timer: %s\n", step,
+                       zel_tftp_client_request__error_text(request, err));
+        zel_tftp_client_request__fail(request, err);
+        return false;
+    }
+    return true;
+}
+
+// Takes in a new block, lets a repeated one through to be acknowledged again,
+// drops any other. True when the block is to be acknowledged; `wrote` tells
+// whether data went into the file.
+static bool zel_tftp_client_request__accept_block(zel_tftp_client_request* request,
+                                                  const zel_tftp_packet_view& view, bool* wrote,
+                                                  const char* step) {
+    *wrote = false;
+    switch (zel_tftp_classify_block(request->block, view.number)) {
+    case ZEL_TFTP_BLOCK_NEW:
+        if (view.payload_length > 0) {
+            request->write(view.payload, view.payload_length, 1, request->file);
+            request->bytes_transferred += view.payload_length;
+            *wrote = true;
+        }
+        request->block = view.number;
+        return zel_tftp_client_request__restart_timers(request, step);
     case ZEL_TFTP_BLOCK_REPEAT:
         // Our ACK was lost: acknowledge again, but a repeat is no progress.
-        break;
+        return true;
     case ZEL_TFTP_BLOCK_INVALID:
-        zel_log_printf(log, ZEL_LOG_ERROR, "%s: ignoring data packet with invalid block %d (current=%d)\n", __func__,
-                       static_cast<int>(received), static_cast<int>(request->block));
-        return;
+        break;
     }
+    zel_log_printf(zel_tftp_client_request__log(request), ZEL_LOG_ERROR,
+                   "%s: ignoring data packet with invalid block %d (current=%d)\n", step,
+                   static_cast<int>(view.number), static_cast<int>(request->block));
+    return false;
+}
 
-    // The ACK goes to the port the block came from: the server's transfer port.
+// Acknowledges the current block to the port it came from: the server's
+// transfer port. False when the ACK could not be sent (the retry timer sends
+// it again).
+static bool zel_tftp_client_request__send_ack(zel_tftp_client_request* request, const char* step) {
     zel_tftp_message* out = &request->outgoing;
     zel_tftp_packet_encode_ack(out->packet, sizeof out->packet, request->block, &out->length);
     out->address = request->incoming.address;
     if (zel_tftp_client_request__send_message(request) != ZEL_SUCCESS) {
-        zel_log_printf(log, ZEL_LOG_WARNING, "%s: error sending ack for block %d, will wait for retry\n", __func__,
+        zel_log_printf(zel_tftp_client_request__log(request), ZEL_LOG_WARNING,
+                       "%s: error sending ack for block %d, will wait for retry\n", step,
                        static_cast<int>(request->block));
-        return;
+        return false;
     }
+    return true;
+}
 
+// Moves the request on after an ACK went out. Nothing may touch `request`
+// after the callback ran: the callback may reset it.
+static void zel_tftp_client_request__advance_after_ack(zel_tftp_client_request* request, uint32_t data_length,
+                                                       bool wrote) {
     switch (zel_tftp_after_ack(request->state, data_length, wrote)) {
     case ZEL_TFTP_AFTER_ACK_COMPLETE:
         request->state = ZEL_TFTP_CLIENT_REQUEST_STATE_COMPLETED;
@@ -124,6 +134,25 @@ static void zel_tftp_client_request__handle_data_message(zel_tftp_client_request
     case ZEL_TFTP_AFTER_ACK_NOTHING:
         return;
     }
+}
+
+// Accepts, repeats or drops the block, acknowledges what it accepted, and
+// moves the request on.
+static void zel_tftp_client_request__handle_data_message(zel_tftp_client_request* request,
+                                                         const zel_tftp_packet_view& view) {
+    zel_log* log = zel_tftp_client_request__log(request);
+    if (view.kind == ZEL_TFTP_PACKET_MALFORMED) {
+        zel_log_printf(log, ZEL_LOG_ERROR, "%s: ignoring invalid data packet (only %u bytes long)\n", __func__,
+                       static_cast<unsigned>(request->incoming.length));
+        return;
+    }
+    zel_log_printf(log, ZEL_LOG_DEBUG, "%s: got a DATA packet, block_id=%d (curr=%d) data_length=%u\n", __func__,
+                   static_cast<int>(view.number), static_cast<int>(request->block),
+                   static_cast<unsigned>(view.payload_length));
+    bool wrote = false;
+    if (!zel_tftp_client_request__accept_block(request, view, &wrote, __func__)) return;
+    if (!zel_tftp_client_request__send_ack(request, __func__)) return;
+    zel_tftp_client_request__advance_after_ack(request, view.payload_length, wrote);
 }
 
 void zel_tftp_client_request__socket_cb(unsigned cause, int descriptor, unsigned type, void* context) {

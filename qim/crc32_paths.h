@@ -1,6 +1,6 @@
-// Internal to the CRC-32 code: the two ways crc32_update computes, exposed so
-// that tests can check each against the reference on any machine. Not part
-// of the library's interface.
+// Internal to the CRC-32 code: the ways crc32_update computes, exposed so
+// that tests and benchmarks can check each against the others on any
+// machine. Not part of the library's interface.
 #pragma once
 
 #include <cstddef>
@@ -13,5 +13,10 @@ bool crc32_clmul_available();
 // a multiple of 16. Only to be called when crc32_clmul_available() is true.
 uint32_t crc32_clmul_fold(uint32_t crc, const unsigned char* buf, std::size_t len);
 
-// The table-driven path every processor runs (four lanes of slicing by 8).
-uint32_t crc32_update_tables(uint32_t crc, const unsigned char* buf, std::size_t len);
+// The table-driven path every processor can run (five braided word chains,
+// three lookups per word); what crc32_update uses without carry-less
+// multiplication, and for what is left behind the folding.
+uint32_t crc32_update_portable(uint32_t crc, const unsigned char* buf, std::size_t len);
+
+// One byte at a time through crc32_table: the reference the others match.
+uint32_t crc32_update_bytewise(uint32_t crc, const unsigned char* buf, std::size_t len);

@@ -1,5 +1,5 @@
-// Which flash partition a package part of a given kind is written to, for
-// host tools that describe packages. (The upgrade driver keeps its own table.)
+// Which flash partition a package part of a given kind is written to: the one
+// table for the upgrade driver and the host tools that describe packages.
 #pragma once
 
 #include <cstdint>

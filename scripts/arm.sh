@@ -11,7 +11,6 @@
 # BRIVLO_ARM_BUILD names another build directory.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-root=$(pwd)
 started=$SECONDS
 
 triple=arm-linux-gnueabihf
@@ -22,28 +21,15 @@ jobs=$(nproc 2>/dev/null || echo 2)
 BRIVLO_DEPS_EXTRA="g++-$triple qemu-user-static binfmt-support googletest ${BRIVLO_DEPS_EXTRA:-}" scripts/deps.sh
 
 # --- zlib and libsodium for ARM ------------------------------------------------
-# test_qim checks the CRC against zlib's, so the ARM tests need an ARM zlib;
-# brivlo checks release signatures with libsodium. Debian's zlib1g-dev:armhf
-# and libsodium-dev:armhf are fetched with apt into the build directory (a
-# private package list; the machine's package configuration stays untouched)
-# and linked statically.
-deps=$root/$build/deps
-zlib_lib=$deps/root/usr/lib/$triple/libz.a
-sodium_lib=$deps/root/usr/lib/$triple/libsodium.a
-if [ ! -f "$zlib_lib" ] || [ ! -f "$sodium_lib" ]; then
-  echo "== fetch zlib1g-dev:armhf libsodium-dev:armhf"
-  . scripts/debian-fetch.sh
-  fetch_debs "$deps" zlib1g-dev:armhf libsodium-dev:armhf
-  for pkg in zlib1g-dev libsodium-dev; do
-    dpkg-deb -x "$deps"/debs/${pkg}_*_armhf.deb "$deps/root"
-  done
-fi
+# brivlo checks release signatures with libsodium, and the ARM tests compare
+# the CRC with zlib's: both are Debian's armhf packages, linked statically.
+prefix=$(scripts/arm_libs.sh "$build")
+arm_libs=(-DZLIB_INCLUDE_DIR="$prefix/include" -DZLIB_LIBRARY="$prefix/lib/$triple/libz.a"
+          -DSODIUM_INCLUDE_DIR="$prefix/include" -DSODIUM_LIBRARY="$prefix/lib/$triple/libsodium.a")
 
 # --- build --------------------------------------------------------------------
 echo "== configure $build"
-cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE=cmake/$triple.cmake -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DBRIVLO_WERROR=ON -DZLIB_INCLUDE_DIR="$deps/root/usr/include" -DZLIB_LIBRARY="$zlib_lib" \
-  -DSODIUM_INCLUDE_DIR="$deps/root/usr/include" -DSODIUM_LIBRARY="$sodium_lib" >/dev/null
+cmake --preset arm -B "$build" "${arm_libs[@]}" >/dev/null
 echo "== build $build"
 cmake --build "$build" -j"$jobs"
 build_done=$SECONDS
@@ -86,7 +72,7 @@ else
   echo "== binfmt_misc cannot hand ARM programs to qemu-arm on this machine:" >&2
   echo "   only the unit tests run (each through qemu-arm -L $cross_root); the" >&2
   echo "   tests that start brivlo, qimtool or flashsim (e2e, flashsim, qimtool) cannot." >&2
-  for t in "$build"/tests/test_*; do
+  for t in "$build"/tests/*/test_*; do
     [ -x "$t" ] || continue
     case $(basename "$t") in
       test_e2e | test_flashsim | test_qimtool) continue ;;

@@ -17,7 +17,7 @@ scripts/deps.sh
 
 build=build/release
 jobs=$(nproc 2>/dev/null || echo 2)
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --preset release >/dev/null
 cmake --build "$build" -j"$jobs" --target brivlo flashsim flashsim_preload qimtool >/dev/null
 brivlo=$PWD/$build/app/brivlo
 flashsim=$PWD/$build/tools/flashsim/flashsim

@@ -23,7 +23,7 @@ esac
 scripts/deps.sh
 build=${MEMCHECK_BUILD:-build/release}
 echo "== configure $build"
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBRIVLO_SANITIZE=OFF >/dev/null
+cmake --preset release -B "$build" >/dev/null
 echo "== build $build"
 cmake --build "$build" -j2 --target brivlo flashsim flashsim_preload qimtool
 

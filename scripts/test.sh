@@ -8,24 +8,28 @@ scripts/deps.sh
 
 jobs=$(nproc 2>/dev/null || echo 2)
 
+# Each suite is a preset (CMakePresets.json) with the build directory of its
+# name: build/release, build/sanitize.
 run_suite() {
-  local dir=$1; shift
-  echo "== configure $dir"
-  cmake -S . -B "$dir" -DBRIVLO_WERROR=ON "$@" >/dev/null
-  echo "== build $dir"
-  cmake --build "$dir" -j"$jobs"
-  echo "== test $dir"
-  ctest --test-dir "$dir" -j"$jobs" --output-on-failure
+  local preset=$1
+  echo "== configure build/$preset"
+  cmake --preset "$preset" >/dev/null
+  echo "== build build/$preset"
+  cmake --build --preset "$preset" -j"$jobs"
+  echo "== test build/$preset"
+  ctest --preset "$preset" -j"$jobs"
 }
 
-run_suite build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo
-run_suite build/sanitize -DCMAKE_BUILD_TYPE=Debug -DBRIVLO_SANITIZE=ON
+run_suite release
+run_suite sanitize
 
-# CI also runs brivlo under valgrind (short flows, on the normal build above),
+# CI also runs clang-tidy (scripts/tidy.sh, on the normal build's compile
+# commands), brivlo under valgrind (short flows, on the normal build above),
 # every fuzz target for about a minute (two at a time on the two cores), the
 # whole suite again cross-built for the board's 32-bit ARM, under qemu, and
 # that ARM brivlo on a real ARM kernel with its MTD drivers (qemu-system-arm).
 if [ "${CI:-}" = "true" ]; then
+  scripts/tidy.sh
   scripts/memcheck.sh --short
   FUZZ_JOBS=2 fuzz/run 60
   scripts/arm.sh

@@ -71,8 +71,13 @@ zel_list_node* zel_list_push_back(zel_list* list, zel_list_node* node) {
 
 zel_list_node* zel_list_insert_before(zel_list_node* pos, zel_list_node* node) {
     if (!can_link_next_to(pos, node)) return nullptr;
-    if (pos->list->first == pos) return zel_list_push_front(pos->list, node);
+    // Unlink first: taking `node` out of this same list can make `pos` the
+    // first node, and the test below must see the list as it will be.
     zel_list_remove(node);
+    if (pos->list->first == pos) {
+        link_first(pos->list, node);
+        return node;
+    }
     node->list = pos->list;
     node->next = pos;
     node->prev = pos->prev;
@@ -84,8 +89,13 @@ zel_list_node* zel_list_insert_before(zel_list_node* pos, zel_list_node* node) {
 
 zel_list_node* zel_list_insert_after(zel_list_node* pos, zel_list_node* node) {
     if (!can_link_next_to(pos, node)) return nullptr;
-    if (pos->list->last == pos) return zel_list_push_back(pos->list, node);
+    // Unlink first: taking `node` out of this same list can make `pos` the
+    // last node, and the test below must see the list as it will be.
     zel_list_remove(node);
+    if (pos->list->last == pos) {
+        link_last(pos->list, node);
+        return node;
+    }
     node->list = pos->list;
     node->prev = pos;
     node->next = pos->next;

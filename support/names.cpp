@@ -56,19 +56,11 @@ zel_error_t zel_default_device_name(char* buf, std::size_t* len) {
 zel_error_t zel_device_name(char* buf, std::size_t* len) {
     if (buf == nullptr || len == nullptr || *len == 0) return ZEL_INVALIDPARAMETER;
     const std::size_t caller_size = *len;
-    // The whole host name is read into a private buffer first, so that a
-    // caller's small buffer can never turn a long name into a valid-looking
-    // cut one.
-    char host[kHostNameSize];
-    std::size_t host_len = sizeof host;
-    if (zel_hostname_query(host, &host_len) == ZEL_SUCCESS) {
-        zel_split_at_dot(host, nullptr);
-        const std::size_t short_len = std::strlen(host);
-        if (zel_is_valid_device_name(host) && short_len < caller_size) {
-            std::memcpy(buf, host, short_len + 1);
-            *len = short_len + 1;
-            return ZEL_SUCCESS;
-        }
+    // The host name lands in the caller's buffer, cut to its size; *len then
+    // tells the size the whole host name needs, so a caller can see the cut.
+    if (zel_hostname_query(buf, len) == ZEL_SUCCESS) {
+        zel_split_at_dot(buf, nullptr);
+        if (zel_is_valid_device_name(buf)) return ZEL_SUCCESS;
     }
     *len = caller_size;
     return zel_default_device_name(buf, len);

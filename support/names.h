@@ -25,11 +25,12 @@ zel_error_t zel_hostname_query(char* buf, std::size_t* len);
 // written + 1.
 zel_error_t zel_default_device_name(char* buf, std::size_t* len);
 
-// The short host name (up to its first unescaped dot) when that is a valid
-// device name and fits, with its terminator, into the caller's `*len` bytes:
-// SUCCESS and `*len` = its length + 1. Otherwise the result of
-// zel_default_device_name with the caller's size. INVALIDPARAMETER when `buf`
-// or `len` is null or `*len` is 0.
+// Reads the host name into `buf`, cut to the caller's `*len` bytes, and cuts
+// it at its first unescaped dot. When what remains is a valid device name:
+// SUCCESS with that short name in `buf` and `*len` = the whole host name's
+// length + 1 (so `*len` above the caller's size tells of a cut). Otherwise the
+// result of zel_default_device_name with the caller's size. INVALIDPARAMETER
+// when `buf` or `len` is null or `*len` is 0.
 zel_error_t zel_device_name(char* buf, std::size_t* len);
 
 // Non-null, 1 to 31 characters of letters, digits and '-', the first and the

@@ -81,6 +81,10 @@ INSTANTIATE_TEST_SUITE_P(
         OpCase{"Insert",
                [](Nodes& s) { s.back(1), s.back(3), s.before(1, 0), s.after(3, 4), s.before(3, 2), s.after(0, 4); },
                {0, 4, 1, 2, 3}, {}},
+        // The node moved is the neighbour on the far side of pos, at the end
+        // of the list: once it is unlinked, pos is the end.
+        OpCase{"InsertLastAfterItsPredecessor", [](Nodes& s) { s.fill(3), s.after(1, 2); }, {0, 1, 2}, {}},
+        OpCase{"InsertFirstBeforeItsSuccessor", [](Nodes& s) { s.fill(3), s.before(1, 0); }, {0, 1, 2}, {}},
         OpCase{"RefusedLinksChangeNothing",
                [](Nodes& s) {
                    s.fill(2);

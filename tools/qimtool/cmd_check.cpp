@@ -42,7 +42,11 @@ int cmd_check(const Args& args) {
             bool ok = a == "--device-code" ? qimtool::parse_device_code(value, &device.device_code)
                       : a == "--mfgc"      ? qimtool::parse_id(value, &device.mfgc_id)
                                            : qimtool::parse_id(value, &device.model_id);
-            if (!ok) return qimtool::usage_error(sub, "bad value '" + value + "' for " + a);
+            if (!ok) {
+                std::string message = "bad value '";
+                message.append(value).append("' for ").append(a);
+                return qimtool::usage_error(sub, message);
+            }
             device.flags |= a == "--device-code" ? QIM_CHECK_DEVICE_CODE
                             : a == "--mfgc"      ? QIM_CHECK_MFGC_ID
                                                  : QIM_CHECK_MODEL_ID;

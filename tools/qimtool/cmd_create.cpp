@@ -63,6 +63,141 @@ bool parse_model(const std::string& text, ModelArg* out) {
     return true;
 }
 
+// What the command line asks for.
+struct CreateRequest {
+    std::string out;
+    uint32_t device_code = 0, product_version = 0, version = 3;
+    bool have_code = false, have_version = false, have_mfgc = false;
+    qim_id mfgc = QIM_MFGC_ID_ANY;
+    std::vector<PartArg> parts;
+    std::vector<ModelArg> models;
+};
+
+constexpr const char* kSub = "create";
+
+// Reads the options one by one; QIMTOOL_OK or the usage error's status.
+int parse_create(const Args& args, CreateRequest* req) {
+    std::string value;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        const bool takes_value = a == "-o" || a == "--device-code" || a == "--product-version" ||
+                                 a == "--mfgc" || a == "--part" || a == "--model";
+        if (takes_value && !qimtool::take_value(args, &i, &value)) {
+            return qimtool::usage_error(kSub, a + " needs a value");
+        }
+        if (a == "-o") {
+            req->out = value;
+        } else if (a == "--device-code") {
+            if (!qimtool::parse_device_code(value, &req->device_code)) {
+                return qimtool::usage_error(kSub, "bad device code '" + value + "'");
+            }
+            req->have_code = true;
+        } else if (a == "--product-version") {
+            if (!qimtool::parse_u32(value, &req->product_version)) {
+                return qimtool::usage_error(kSub, "bad product version '" + value + "'");
+            }
+            req->have_version = true;
+        } else if (a == "--mfgc") {
+            if (!qimtool::parse_id(value, &req->mfgc)) {
+                return qimtool::usage_error(kSub, "bad manufacturer ID '" + value + "' (16 hex digits)");
+            }
+            req->have_mfgc = true;
+        } else if (a == "--part") {
+            PartArg p;
+            if (!parse_part(value, &p)) {
+                return qimtool::usage_error(kSub, "bad part '" + value + "' (KIND:a.b.c.d:FILE)");
+            }
+            req->parts.push_back(p);
+        } else if (a == "--model") {
+            ModelArg m;
+            if (!parse_model(value, &m)) {
+                return qimtool::usage_error(kSub, "bad model '" + value + "' (ID:SEQ,SEQ,...)");
+            }
+            req->models.push_back(m);
+        } else if (a == "--v2") {
+            req->version = 2;
+        } else if (a == "--v1") {
+            req->version = 1;
+        } else {
+            return qimtool::usage_error(kSub, "unexpected argument '" + a + "'");
+        }
+    }
+    return QIMTOOL_OK;
+}
+
+// The checks across options; QIMTOOL_OK or the usage error's status.
+int validate_create(const CreateRequest& req) {
+    if (req.out.empty() || !req.have_code || !req.have_version) {
+        return qimtool::usage_error(kSub, "-o, --device-code and --product-version are required");
+    }
+    if (req.parts.empty()) return qimtool::usage_error(kSub, "at least one --part is required");
+    if (req.version < 3) {
+        // Older layouts cannot carry these facts; refuse rather than drop them.
+        if (req.have_mfgc || !req.models.empty()) {
+            return qimtool::usage_error(kSub, "--mfgc and --model need a version-3 package");
+        }
+        for (const PartArg& p : req.parts) {
+            if (p.release != 0) {
+                return qimtool::usage_error(kSub, "release versions need a version-3 package");
+            }
+        }
+    }
+    for (const ModelArg& m : req.models) {
+        for (int seq : m.seqs) {
+            if (seq >= static_cast<int>(req.parts.size())) {
+                return qimtool::usage_error(kSub, "model selects part " + std::to_string(seq) +
+                                                      ", which does not exist");
+            }
+        }
+    }
+    return QIMTOOL_OK;
+}
+
+// Assembles the package in memory: header, parts (their files are read
+// here), models. QIMTOOL_OK or the status of the message printed.
+int build_package(const CreateRequest& req, qimtool::PackagePtr* pkg) {
+    qim_package* raw = nullptr;
+    if (qim_package_create(&raw) != ZEL_SUCCESS) return qimtool::failure(kSub, "out of memory");
+    pkg->reset(raw);
+    qim_package_init_header(raw, req.device_code, req.product_version, &req.mfgc);
+    for (const PartArg& p : req.parts) {
+        zel_error_t rc = qim_package_add_part_file(raw, p.kind, p.release, p.file.c_str(), nullptr);
+        if (rc != ZEL_SUCCESS) {
+            char text[ZEL_ERROR_TEXT_SIZE];
+            return qimtool::failure(kSub, "cannot add part " + p.file + ": " + zel_error_text(rc, text));
+        }
+    }
+    std::vector<ModelArg> models = req.models;
+    if (models.empty() && req.version == 3) {
+        models.push_back(ModelArg{QIM_MODEL_ID_ANY, {}});
+        for (int i = 0; i < static_cast<int>(req.parts.size()) && i < 32; ++i) models.back().seqs.push_back(i);
+    }
+    for (const ModelArg& m : models) {
+        if (qim_package_add_model(raw, &m.id) != ZEL_SUCCESS) {
+            return qimtool::usage_error(kSub, "model " + qimtool::hex_id(m.id) + " given twice");
+        }
+        for (int seq : m.seqs) qim_package_set_model_part(raw, &m.id, seq);
+    }
+    return QIMTOOL_OK;
+}
+
+// Writes the package in the requested layout; a file that could not be
+// written whole is removed. QIMTOOL_OK or QIMTOOL_FAILED.
+int write_package(const CreateRequest& req, qim_package* pkg) {
+    FILE* f = std::fopen(req.out.c_str(), "w+b");
+    if (f == nullptr) return qimtool::failure(kSub, "cannot create " + req.out);
+    zel_error_t rc = req.version == 3   ? qim_package_write(pkg, f)
+                     : req.version == 2 ? qim_package_write_v2(pkg, f)
+                                        : qim_package_write_v1(pkg, f);
+    if (std::fclose(f) != 0 && rc == ZEL_SUCCESS) rc = ZEL_SYSTEM;
+    if (rc != ZEL_SUCCESS) {
+        std::remove(req.out.c_str());
+        char text[ZEL_ERROR_TEXT_SIZE];
+        return qimtool::failure(kSub, "cannot write " + req.out + ": " + zel_error_text(rc, text));
+    }
+    return QIMTOOL_OK;
+}
+
 }  // namespace
 
 int cmd_create(const Args& args) {
@@ -70,116 +205,15 @@ int cmd_create(const Args& args) {
         std::fputs(kHelp, stdout);
         return QIMTOOL_OK;
     }
-    const char* sub = "create";
-    std::string out, value;
-    uint32_t device_code = 0, product_version = 0, version = 3;
-    bool have_code = false, have_version = false, have_mfgc = false;
-    qim_id mfgc = QIM_MFGC_ID_ANY;
-    std::vector<PartArg> parts;
-    std::vector<ModelArg> models;
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        const bool takes_value = a == "-o" || a == "--device-code" || a == "--product-version" ||
-                                 a == "--mfgc" || a == "--part" || a == "--model";
-        if (takes_value && !qimtool::take_value(args, &i, &value)) {
-            return qimtool::usage_error(sub, a + " needs a value");
-        }
-        if (a == "-o") {
-            out = value;
-        } else if (a == "--device-code") {
-            if (!qimtool::parse_device_code(value, &device_code)) {
-                return qimtool::usage_error(sub, "bad device code '" + value + "'");
-            }
-            have_code = true;
-        } else if (a == "--product-version") {
-            if (!qimtool::parse_u32(value, &product_version)) {
-                return qimtool::usage_error(sub, "bad product version '" + value + "'");
-            }
-            have_version = true;
-        } else if (a == "--mfgc") {
-            if (!qimtool::parse_id(value, &mfgc)) {
-                return qimtool::usage_error(sub, "bad manufacturer ID '" + value + "' (16 hex digits)");
-            }
-            have_mfgc = true;
-        } else if (a == "--part") {
-            PartArg p;
-            if (!parse_part(value, &p)) {
-                return qimtool::usage_error(sub, "bad part '" + value + "' (KIND:a.b.c.d:FILE)");
-            }
-            parts.push_back(p);
-        } else if (a == "--model") {
-            ModelArg m;
-            if (!parse_model(value, &m)) {
-                return qimtool::usage_error(sub, "bad model '" + value + "' (ID:SEQ,SEQ,...)");
-            }
-            models.push_back(m);
-        } else if (a == "--v2") {
-            version = 2;
-        } else if (a == "--v1") {
-            version = 1;
-        } else {
-            return qimtool::usage_error(sub, "unexpected argument '" + a + "'");
-        }
-    }
-    if (out.empty() || !have_code || !have_version) {
-        return qimtool::usage_error(sub, "-o, --device-code and --product-version are required");
-    }
-    if (parts.empty()) return qimtool::usage_error(sub, "at least one --part is required");
-    if (version < 3) {
-        // Older layouts cannot carry these facts; refuse rather than drop them.
-        if (have_mfgc || !models.empty()) {
-            return qimtool::usage_error(sub, "--mfgc and --model need a version-3 package");
-        }
-        for (const PartArg& p : parts) {
-            if (p.release != 0) {
-                return qimtool::usage_error(sub, "release versions need a version-3 package");
-            }
-        }
-    }
-    for (const ModelArg& m : models) {
-        for (int seq : m.seqs) {
-            if (seq >= static_cast<int>(parts.size())) {
-                return qimtool::usage_error(sub, "model selects part " + std::to_string(seq) +
-                                                     ", which does not exist");
-            }
-        }
-    }
-
-    qim_package* raw = nullptr;
-    if (qim_package_create(&raw) != ZEL_SUCCESS) return qimtool::failure(sub, "out of memory");
-    qimtool::PackagePtr pkg(raw);
-    qim_package_init_header(pkg.get(), device_code, product_version, &mfgc);
-    for (const PartArg& p : parts) {
-        zel_error_t rc = qim_package_add_part_file(pkg.get(), p.kind, p.release, p.file.c_str(), nullptr);
-        if (rc != ZEL_SUCCESS) {
-            char text[ZEL_ERROR_TEXT_SIZE];
-            return qimtool::failure(sub, "cannot add part " + p.file + ": " + zel_error_text(rc, text));
-        }
-    }
-    if (models.empty() && version == 3) {
-        models.push_back(ModelArg{QIM_MODEL_ID_ANY, {}});
-        for (int i = 0; i < static_cast<int>(parts.size()) && i < 32; ++i) models.back().seqs.push_back(i);
-    }
-    for (const ModelArg& m : models) {
-        if (qim_package_add_model(pkg.get(), &m.id) != ZEL_SUCCESS) {
-            return qimtool::usage_error(sub, "model " + qimtool::hex_id(m.id) + " given twice");
-        }
-        for (int seq : m.seqs) qim_package_set_model_part(pkg.get(), &m.id, seq);
-    }
-
-    FILE* f = std::fopen(out.c_str(), "w+b");
-    if (f == nullptr) return qimtool::failure(sub, "cannot create " + out);
-    zel_error_t rc = version == 3   ? qim_package_write(pkg.get(), f)
-                     : version == 2 ? qim_package_write_v2(pkg.get(), f)
-                                    : qim_package_write_v1(pkg.get(), f);
-    if (std::fclose(f) != 0 && rc == ZEL_SUCCESS) rc = ZEL_SYSTEM;
-    if (rc != ZEL_SUCCESS) {
-        std::remove(out.c_str());
-        char text[ZEL_ERROR_TEXT_SIZE];
-        return qimtool::failure(sub, "cannot write " + out + ": " + zel_error_text(rc, text));
-    }
-    std::printf("%s: version %u package, %zu parts, %d models, %llu bytes of part data\n", out.c_str(),
-                version, parts.size(), qim_package_get_num_models(pkg.get()),
+    CreateRequest req;
+    qimtool::PackagePtr pkg;
+    int status = parse_create(args, &req);
+    if (status == QIMTOOL_OK) status = validate_create(req);
+    if (status == QIMTOOL_OK) status = build_package(req, &pkg);
+    if (status == QIMTOOL_OK) status = write_package(req, pkg.get());
+    if (status != QIMTOOL_OK) return status;
+    std::printf("%s: version %u package, %zu parts, %d models, %llu bytes of part data\n", req.out.c_str(),
+                req.version, req.parts.size(), qim_package_get_num_models(pkg.get()),
                 static_cast<unsigned long long>(qim_package_get_total_size(pkg.get())));
     return QIMTOOL_OK;
 }

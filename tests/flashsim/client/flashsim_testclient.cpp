@@ -1,8 +1,10 @@
-// A small program for flashsim's own tests: it performs, in order, the
-// operations named on its command line the way a C++ program on the board
-// does (open/ioctl/write on /dev/flash/<name>, a socket ioctl for the PHY,
-// file streams and rename/remove on the /tmp files) and prints one line per
-// operation: the operation's name, its result and, on failure, the errno name.
+// A small program for flashsim's own tests (test_flashsim runs it on
+// simulated boards): it performs, in order, the operations named on its
+// command line the way a C++ program on the board does (open/ioctl/write on
+// /dev/flash/<name>, a socket ioctl for the PHY, file streams and rename on
+// the /tmp files) and prints one line per operation: the operation's name,
+// its result and, on failure, the errno name. It has the operations the
+// tests use, no more.
 // The request numbers are written out here, not taken from flashsim's headers,
 // so the tests check the simulator against the board's real numbers.
 #include <cerrno>
@@ -12,15 +14,12 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
-#include <iterator>
 #include <mtd/mtd-abi.h>
 #include <net/if.h>
 #include <sstream>
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/uio.h>
 #include <unistd.h>
 #include <vector>
 
@@ -78,16 +77,6 @@ int openMode(const std::string& m) { return m == "ro" ? O_RDONLY : m == "wo" ? O
 
 unsigned long number(const std::string& s) { return std::strtoul(s.c_str(), nullptr, 0); }
 
-std::string hex(const uint8_t* p, size_t n) {
-    std::string out;
-    char b[3];
-    for (size_t i = 0; i < n; ++i) {
-        std::snprintf(b, sizeof b, "%02x", p[i]);
-        out += b;
-    }
-    return out;
-}
-
 class Client {
 public:
     // Runs the operation at args[i]; returns the index after its arguments.
@@ -134,47 +123,14 @@ public:
             report(op, ::ioctl(fd_, kMemLockCtl, &c));
             return i + 4;
         }
-        if (op == "ioctl") {
-            uint8_t scratch[64] = {};
-            report(op, ::ioctl(fd_, number(arg(1)), scratch));
-            return i + 2;
-        }
-        if (op == "write" || op == "pwrite") {
-            const bool at = op == "pwrite";
-            const std::vector<uint8_t> data(number(arg(at ? 2 : 1)), static_cast<uint8_t>(number(arg(at ? 3 : 2))));
-            report(op, at ? ::pwrite(fd_, data.data(), data.size(), static_cast<off_t>(number(arg(1))))
-                          : ::write(fd_, data.data(), data.size()));
-            return i + (at ? 4 : 3);
-        }
-        if (op == "writev") {  // two pieces of LEN bytes each
+        if (op == "write") {  // LENGTH BYTE
             const std::vector<uint8_t> data(number(arg(1)), static_cast<uint8_t>(number(arg(2))));
-            iovec v[2] = {{const_cast<uint8_t*>(data.data()), data.size()}, {const_cast<uint8_t*>(data.data()), data.size()}};
-            report(op, ::writev(fd_, v, 2));
+            report(op, ::write(fd_, data.data(), data.size()));
             return i + 3;
         }
         if (op == "seek") {
             report(op, ::lseek(fd_, static_cast<off_t>(std::strtoll(arg(1).c_str(), nullptr, 0)), SEEK_SET));
             return i + 2;
-        }
-        if (op == "read") {  // OFFSET LENGTH, printed in hexadecimal
-            std::vector<uint8_t> data(number(arg(2)));
-            const ssize_t n = ::pread(fd_, data.data(), data.size(), static_cast<off_t>(number(arg(1))));
-            report(op, n, n > 0 ? hex(data.data(), static_cast<size_t>(n)) : "");
-            return i + 3;
-        }
-        if (op == "stdio-write") {  // NAME LENGTH BYTE: fopen "r+b", fwrite, fflush
-            FILE* f = std::fopen(devicePath(arg(1)).c_str(), "r+b");
-            if (f == nullptr) {
-                report(op, -1);
-                return i + 4;
-            }
-            const std::vector<uint8_t> data(number(arg(2)), static_cast<uint8_t>(number(arg(3))));
-            const bool written = std::fwrite(data.data(), 1, data.size(), f) == data.size() && std::fflush(f) == 0;
-            const int e = errno;
-            std::fclose(f);
-            errno = e;
-            report(op, written ? 0 : -1);
-            return i + 4;
         }
         if (op == "phy") {  // [IFNAME]
             const bool named = i + 1 < a.size() && a[i + 1].rfind("if=", 0) == 0;
@@ -209,37 +165,14 @@ public:
             report(op, in ? 0 : -1, in ? "[" + content.str() + "]" : "");
             return i + 2;
         }
-        if (op == "fopen-read") {  // PATH: fopen "r", fread; prints length and first 8 bytes
-            FILE* f = std::fopen(devicePath(arg(1)).c_str(), "r");
-            if (f == nullptr) {
-                report(op, -1);
-                return i + 2;
-            }
-            std::vector<uint8_t> data(1 << 20);
-            const size_t n = std::fread(data.data(), 1, data.size(), f);
-            std::fclose(f);
-            errno = kErrnoSentinel;
-            report(op, static_cast<long long>(n), hex(data.data(), n < 8 ? n : 8));
-            return i + 2;
-        }
         if (op == "rename") {
             report(op, std::rename(arg(1).c_str(), arg(2).c_str()));
             return i + 3;
-        }
-        if (op == "remove") {
-            report(op, std::remove(arg(1).c_str()));
-            return i + 2;
         }
         if (op == "exists") {
             const int r = ::access(arg(1).c_str(), F_OK);
             errno = kErrnoSentinel;
             report(op, r == 0 ? 1 : 0);
-            return i + 2;
-        }
-        if (op == "stat") {
-            struct stat st;
-            const int r = ::stat(devicePath(arg(1)).c_str(), &st);
-            report(op, r, r == 0 ? "size=" + std::to_string(static_cast<long long>(st.st_size)) : "");
             return i + 2;
         }
         std::fprintf(stderr, "testclient: unknown operation %s\n", op.c_str());
