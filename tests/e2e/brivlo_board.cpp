@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
 #include <sstream>
 
 namespace e2e {
@@ -86,15 +85,6 @@ std::string Board::lockedState(const std::string& name) const {
         return "";
     }
     return r.out.substr(at + key.size(), r.out.find_first_of(" \n", at) - at - key.size());
-}
-
-std::string randomBytes(std::size_t size, unsigned seed) {
-    std::mt19937 generator(seed);
-    std::string bytes(size, '\0');
-    for (char& c : bytes) {
-        c = static_cast<char>(generator() & 0xFF);
-    }
-    return bytes;
 }
 
 std::string dots(std::size_t count) {

@@ -48,8 +48,7 @@ private:
     std::string dir_;
 };
 
-// Deterministic pseudo-random bytes (distinct per seed) for image contents.
-std::string randomBytes(std::size_t size, unsigned seed);
+using testutil::randomBytes;
 // The text of `count` dots.
 std::string dots(std::size_t count);
 // Usage text exactly as brivlo prints it on standard error for `program`.

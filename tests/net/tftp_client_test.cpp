@@ -1,5 +1,6 @@
 // The TFTP client against the scriptable fake server on loopback.
 #include "common/fake_tftp_server.h"
+#include "common/tempdir.h"
 #include "tftp_client_fixture.h"
 
 #include <cstring>
@@ -20,12 +21,6 @@ constexpr uint32_t kCompleted = ZEL_TFTP_CLIENT_REQUEST_STATE_COMPLETED;
 constexpr uint32_t kError = ZEL_TFTP_CLIENT_REQUEST_STATE_ERROR;
 const std::string kData = "zel_tftp_client_request__handle_data_message: ";
 
-std::string pattern(size_t n) {
-    std::string s(n, '\0');
-    for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>('a' + (i * 7 + i / 512) % 26);
-    return s;
-}
-
 FakeTftpScript serving(const std::string& content, Script instead = {}, uint32_t silentFromBlock = 0) {
     FakeTftpScript script;
     script.content = content;
@@ -41,12 +36,13 @@ struct SizeCase {
     size_t size;
     std::vector<uint32_t> callbacks;  // state at each client callback
 };
+void PrintTo(const SizeCase& c, std::ostream* os) { *os << c.name; }
 
 class TftpDownloadSize : public TftpClientTest, public testing::WithParamInterface<SizeCase> {};
 
 TEST_P(TftpDownloadSize, ArrivesWholeWithOneAckPerBlockToTheTransferPort) {
     const SizeCase& c = GetParam();
-    const std::string content = pattern(c.size);
+    const std::string content = testutil::randomBytes(c.size, 1);
     FakeTftpServer server(serving(content));
     ASSERT_EQ(start(server.port(), "dir/fw.bin"), ZEL_SUCCESS);
     ASSERT_TRUE(runUntilDone()) << dumpLog();
@@ -90,6 +86,7 @@ struct ScriptCase {
     int rrqs;      // read requests the server got; -1: not checked (they are retried)
     LogLine line;  // logged at least once; "{port}" and "{other}" stand for the server's ports
 };
+void PrintTo(const ScriptCase& c, std::ostream* os) { *os << c.name; }
 
 class TftpScripted : public TftpClientTest, public testing::WithParamInterface<ScriptCase> {};
 
@@ -117,7 +114,7 @@ TEST_P(TftpScripted, EndsAsExpected) {
     EXPECT_GE(logged(c.line.level, line), 1) << line << "\n" << dumpLog();
 }
 
-const std::string k600 = pattern(600), k1100 = pattern(1100);
+const std::string k600 = testutil::randomBytes(600, 2), k1100 = testutil::randomBytes(1100, 3);
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, TftpScripted,
