@@ -297,7 +297,7 @@ TEST(PackageIdentity, UnreadableRecordSectionsKeepTheWildcards) {
         qim_put_be16(p + 14, row.appLink);
         qim_put_be16(p + 20 + 28, row.manfLink);
         testutil::writeFile(board.scratch("cap"), record);
-        board.flashsim("load", {"capability", board.scratch("cap")});
+        ASSERT_EQ(board.flashsim("load", {"capability", board.scratch("cap")}).status, 0);
         const std::string pkg = e2e::buildPackage(board, byModel(kPkgMfgc));
         const testutil::ProcessResult r = board.brivlo({"local", pkg, "qim"});
         EXPECT_EQ(r.status, 0) << r.err;
