@@ -137,8 +137,8 @@ INSTANTIATE_TEST_SUITE_P(
         // Neither DATA nor ERROR from another host touches the transfer.
         ScriptCase{"DatagramFromAnotherHostIsIgnored", "real",
                    {{1,
-                     {testutil::fromOtherHost(tftpData(1, "evil")), testutil::fromOtherHost(testutil::tftpError(2, "no")),
-                      realBlock()}}},
+                     {testutil::fromOtherHost(tftpData(1, "evil")),
+                      testutil::fromOtherHost(testutil::tftpError(2, "no")), realBlock()}}},
                    0, 0, ZEL_SUCCESS, "real", {1}, 1,
                    {ZEL_LOG_DEBUG, "zel_tftp_client_request__socket_cb: Ignoring message from unexpected source "
                                    "(expected '127.0.0.1:{port} (len=16)' but message source was '127.0.0.2:{other} "
