@@ -62,8 +62,8 @@ TEST_P(Query, AnswersFromContent) {
     EXPECT_EQ(status_file::queryAnswer(status_file::parseRecord(c.content)), c.answer);
 }
 
-// The shapes the program writes and damaged files are run end to end
-// (tests/e2e); here the arithmetic and the line rules.
+// The shapes the program writes are run end to end (tests/e2e); here the
+// arithmetic and the line rules, damaged values among them.
 const QueryCase kQueryCases[] = {
     // 50 * 100000000 does not fit in 32 bits.
     {"ProductNeeds64Bits", "status=2\ntotal=200000000\ncurrent=100000000", 225},
@@ -73,6 +73,7 @@ const QueryCase kQueryCases[] = {
     {"KeyMustStartLine", " status=1", 0},
     {"BlanksAndSignAfterEquals", "status= +2\ntotal=\t100\ncurrent=25xyz", 212},
     {"DamagedStatusKeepsEarlier", "status=1\nstatus=oops", 1},
+    {"DamagedTotalAndCurrentKeepEarlier", "status=2\ntotal=1000\ncurrent=500\ntotal=x\ncurrent=?", 225},
     {"CurrentOutOfRange", "status=2\ntotal=1000\ncurrent=99999999999", 0},
 };
 

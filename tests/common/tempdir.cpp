@@ -6,6 +6,7 @@
 #include <fstream>
 #include <ftw.h>
 #include <iterator>
+#include <random>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -65,6 +66,18 @@ void writeBytes(const std::string& path, const std::vector<unsigned char>& conte
 bool fileExists(const std::string& path) {
     struct stat st;
     return ::lstat(path.c_str(), &st) == 0;
+}
+
+std::string randomBytes(std::size_t size, unsigned seed) {
+    std::mt19937 generator(seed);
+    std::string bytes(size, '\0');
+    for (char& c : bytes) c = static_cast<char>(generator() & 0xFF);
+    return bytes;
+}
+
+std::vector<unsigned char> randomByteVector(std::size_t size, unsigned seed) {
+    const std::string bytes = randomBytes(size, seed);
+    return {bytes.begin(), bytes.end()};
 }
 
 }  // namespace testutil

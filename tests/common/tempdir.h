@@ -1,6 +1,7 @@
 // Private temporary directories and whole-file helpers for tests.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -29,5 +30,10 @@ std::vector<unsigned char> readBytes(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 void writeBytes(const std::string& path, const std::vector<unsigned char>& content);
 bool fileExists(const std::string& path);
+
+// Deterministic pseudo-random contents for test files: the same for a seed on
+// every run and platform, distinct between seeds, without a short period.
+std::string randomBytes(std::size_t size, unsigned seed);
+std::vector<unsigned char> randomByteVector(std::size_t size, unsigned seed);
 
 }  // namespace testutil

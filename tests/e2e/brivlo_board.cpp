@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
-#include <sstream>
-
 namespace e2e {
 
 namespace {
@@ -23,29 +20,15 @@ testutil::ProcessOptions withTimeout(double seconds) {
 
 }  // namespace
 
-Board::Board(const std::vector<std::string>& initOptions) : dir_(temp_.file("board")) {
-    std::vector<std::string> argv = {FLASHSIM_BIN, "init", dir_};
-    argv.insert(argv.end(), initOptions.begin(), initOptions.end());
-    const testutil::ProcessResult r = testutil::runProcess(argv);
-    EXPECT_EQ(r.status, 0) << "flashsim init failed: " << r.err;
-}
-
 testutil::ProcessResult Board::brivlo(const std::vector<std::string>& args, double timeoutSeconds) const {
-    testutil::ProcessResult r = testutil::runProcess(onBoard(dir_, args), withTimeout(timeoutSeconds));
+    testutil::ProcessResult r = testutil::runProcess(onBoard(dir(), args), withTimeout(timeoutSeconds));
     EXPECT_FALSE(r.timedOut) << "brivlo did not end";
     return r;
 }
 
 std::unique_ptr<testutil::BackgroundProcess> Board::startBrivlo(const std::vector<std::string>& args,
                                                                 double timeoutSeconds) const {
-    return std::make_unique<testutil::BackgroundProcess>(onBoard(dir_, args), withTimeout(timeoutSeconds));
-}
-
-void Board::flashsim(const std::string& command, const std::vector<std::string>& args) const {
-    std::vector<std::string> argv = {FLASHSIM_BIN, command, dir_};
-    argv.insert(argv.end(), args.begin(), args.end());
-    const testutil::ProcessResult r = testutil::runProcess(argv);
-    EXPECT_EQ(r.status, 0) << "flashsim " << command << " failed: " << r.err;
+    return std::make_unique<testutil::BackgroundProcess>(onBoard(dir(), args), withTimeout(timeoutSeconds));
 }
 
 void Board::writeStatus(const std::string& content) const {
@@ -56,29 +39,8 @@ bool Board::statusExists() const {
     return testutil::fileExists(statusPath());
 }
 
-std::string Board::partition(const std::string& name) const {
-    const testutil::ProcessResult r = testutil::runProcess({FLASHSIM_BIN, "dump", dir_, name});
-    EXPECT_EQ(r.status, 0) << r.err;
-    return r.out;
-}
-
-std::vector<std::string> Board::logLines(const std::string& prefix) const {
-    std::vector<std::string> lines;
-    if (!testutil::fileExists(dir_ + "/log")) {
-        return lines;
-    }
-    std::istringstream in(testutil::readFile(dir_ + "/log"));
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.compare(0, prefix.size(), prefix) == 0) {
-            lines.push_back(line);
-        }
-    }
-    return lines;
-}
-
 std::string Board::lockedState(const std::string& name) const {
-    const testutil::ProcessResult r = testutil::runProcess({FLASHSIM_BIN, "show", dir_, name});
+    const testutil::ProcessResult r = flashsim("show", {name});
     const std::string key = "locked=";
     const std::size_t at = r.out.find(key);
     if (at == std::string::npos) {
@@ -86,15 +48,6 @@ std::string Board::lockedState(const std::string& name) const {
         return "";
     }
     return r.out.substr(at + key.size(), r.out.find_first_of(" \n", at) - at - key.size());
-}
-
-std::string randomBytes(std::size_t size, unsigned seed) {
-    std::mt19937 generator(seed);
-    std::string bytes(size, '\0');
-    for (char& c : bytes) {
-        c = static_cast<char>(generator() & 0xFF);
-    }
-    return bytes;
 }
 
 std::string dots(std::size_t count) {

@@ -134,7 +134,8 @@ const CommandCase kCommandCases[] = {
 INSTANTIATE_TEST_SUITE_P(Table, CommandLine, ::testing::ValuesIn(kCommandCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// ---- brivlo -S on every status file the program writes, and damaged ones.
+// ---- brivlo -S on every status file the program writes, one damaged value and
+// one the program never writes; the line rules are tests/app's table.
 
 struct QueryCase {
     const char* name;
@@ -170,12 +171,8 @@ const QueryCase kQueryCases[] = {
     {"PackageHalfway", true, "status=2\ntotal=1000\ncurrent=500", 225},
     {"PackageComplete", true, "status=2\ntotal=1000\ncurrent=1000", 250},
     {"PackageWithoutParts", true, "status=2", 0},
-    {"ProductBeyond32Bits", true, "status=2\ntotal=200000000\ncurrent=100000000", 225},
-    // Damaged values count as absent lines.
-    {"StatusNotANumber", true, "status=two", 0},
+    // Damaged values count as absent lines (the parser's own table: tests/app).
     {"TotalNotANumber", true, "status=2\ntotal=x\ncurrent=500", 0},
-    {"CurrentDamagedKeepsEarlierLine", true, "status=2\ntotal=1000\ncurrent=500\ncurrent=?", 225},
-    {"BinaryGarbage", true, std::string("\xff\x00status=1\n", 11), 0},
     // Values the program never writes still answer modulo 256.
     {"NegativeStatus", true, "status=-1", 255},
 };

@@ -1,8 +1,9 @@
-// tftp:// upgrades from hostile or broken TFTP peers: duplicate floods, blocks
-// out of order, datagrams larger than the client takes, answers from another
-// host, errors and silence in the middle of a transfer. Each case checks the
-// exit status, the exact output, the downloaded file and that a failed
-// download never reaches the flash.
+// tftp:// upgrades from hostile or broken TFTP peers: a block that never
+// comes, datagrams larger than the client takes, answers only from another
+// host, errors and silence in the middle of a transfer (duplicates, blocks out
+// of order and datagrams from another host mixed in are the client's scripted
+// table in tests/net). Each case checks the exit status, the exact output,
+// the downloaded file and that the failed download never reaches the flash.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -44,8 +45,6 @@ void expectErrLines(const std::string& err, std::vector<std::string> expected) {
 
 std::string url(const testutil::FakeTftpServer& s) { return "tftp://127.0.0.1:" + std::to_string(s.port()); }
 
-std::vector<TftpDatagram> copies(const TftpDatagram& d, int n) { return std::vector<TftpDatagram>(n, d); }
-
 TftpDatagram dataPacket(int k, const std::string& data) {
     return testutil::packet(testutil::tftpData(static_cast<uint16_t>(k), data));
 }
@@ -57,72 +56,41 @@ std::string block(int k) { return kFile.substr((k - 1) * 512, 512); }
 struct HostileCase {
     const char* name;
     std::function<void(FakeTftpScript&)> script;
-    bool flashed;                  // else: exit 2 after "Starting file download"
     std::vector<std::string> err;  // standard error (see expectErrLines)
-    std::string partial;           // a failed download: what /tmp/flashit holds
+    std::string partial;           // what /tmp/flashit holds after the failed download
 };
 void PrintTo(const HostileCase& c, std::ostream* os) { *os << c.name; }
 
 const std::vector<HostileCase> kHostileCases = {
-    // Every block eight times; each copy is acknowledged, only the first is
-    // written. Repeated ACKs are not answered, so the flood does not grow.
-    {"DuplicateFlood",
-     [](FakeTftpScript& s) {
-         s.resendOnRepeat = false;
-         for (int k = 1; k <= 6; ++k) s.instead[k] = copies(testutil::realBlock(), 8);
-     },
-     true, {}, ""},
-    // Blocks 4 and 3 before 2, 6 before 5: dropped, the right one is taken.
-    {"BlocksOutOfOrder",
-     [](FakeTftpScript& s) {
-         s.instead[2] = {dataPacket(4, block(4)), dataPacket(3, block(3)), testutil::realBlock()};
-         s.instead[5] = {dataPacket(6, "the end"), testutil::realBlock()};
-     },
-     true,
-     {kDataLog + "ignoring data packet with invalid block 4 (current=1)",
-      kDataLog + "ignoring data packet with invalid block 3 (current=1)",
-      kDataLog + "ignoring data packet with invalid block 6 (current=4)"},
-     ""},
     // Block 3 never comes, only 4: the client gives up 5 s after block 2.
     {"OnlyBlocksOutOfOrder",
      [](FakeTftpScript& s) {
          s.resendOnRepeat = false;
          s.instead[3] = {dataPacket(4, block(4))};
      },
-     false,
      {kDataLog + "ignoring data packet with invalid block 4 (current=2)", kTimedOut, "TFTP download error"},
      kFile.substr(0, 1024)},
-    // A second host sends the next block with other data, and an ERROR,
-    // before every real block: all of it is ignored.
-    {"ForeignHostInterleaved",
-     [](FakeTftpScript& s) {
-         for (int k = 1; k <= 6; ++k) {
-             s.instead[k] = {testutil::fromOtherHost(testutil::tftpData(static_cast<uint16_t>(k), kBig.substr(0, 512))),
-                             testutil::fromOtherHost(testutil::tftpError(2, "go away")), testutil::realBlock()};
-         }
-     },
-     true, {}, ""},
     // The transfer comes from 127.0.0.2, which the client does not talk to.
     {"AnswersOnlyFromAnotherHost",
      [](FakeTftpScript& s) {
          s.resendOnRepeat = false;
          s.instead[1] = {testutil::realBlock(testutil::TftpFrom::OtherHost)};
      },
-     false, {kTimedOut, "TFTP download error"}, ""},
+     {kTimedOut, "TFTP download error"}, ""},
     // 2004 bytes instead of the short last block: the client takes 1468 data
     // bytes as a full block and waits for a block 7 that never comes.
-    {"OversizedLastBlock", [](FakeTftpScript& s) { s.instead[6] = {dataPacket(6, kBig)}; }, false,
+    {"OversizedLastBlock", [](FakeTftpScript& s) { s.instead[6] = {dataPacket(6, kBig)}; },
      {kTimedOut, "TFTP download error"}, kFile.substr(0, 5 * 512) + kBig.substr(0, 1468)},
-    {"SilentMidTransfer", [](FakeTftpScript& s) { s.silentFromBlock = 4; }, false,
+    {"SilentMidTransfer", [](FakeTftpScript& s) { s.silentFromBlock = 4; },
      {kTimedOut, "TFTP download error"}, kFile.substr(0, 3 * 512)},
     {"ErrorMidTransfer",
-     [](FakeTftpScript& s) { s.instead[3] = {testutil::packet(testutil::tftpError(3, "disk full"))}; }, false,
+     [](FakeTftpScript& s) { s.instead[3] = {testutil::packet(testutil::tftpError(3, "disk full"))}; },
      {"Request Error: no buffers: (0x0025=NOBUFS)", "TFTP download error"}, kFile.substr(0, 1024)},
 };
 
 class HostileTftp : public ::testing::TestWithParam<HostileCase> {};
 
-TEST_P(HostileTftp, RawImageEndsAsSpecifiedAndNeverFlashesAFailedDownload) {
+TEST_P(HostileTftp, RawImageDownloadFailsAndNeverReachesTheFlash) {
     const HostileCase& c = GetParam();
     FakeTftpScript script;
     script.content = kFile;
@@ -135,14 +103,6 @@ TEST_P(HostileTftp, RawImageEndsAsSpecifiedAndNeverFlashesAFailedDownload) {
 
     expectErrLines(r.err, c.err);
     EXPECT_FALSE(board.statusExists());
-    if (c.flashed) {
-        EXPECT_EQ(r.status, 0);
-        EXPECT_EQ(r.out, kStart + " 2860 bytes transferred\nErasing Flash (wait 0s)\n..\n"
-                                  "Writing file to flash partition 'fpga'\n\n\nFlash write complete.\n\nBrivlo done\n");
-        EXPECT_EQ(testutil::readFile(board.downloadPath()), kFile) << "each block written exactly once";
-        EXPECT_EQ(board.partition("fpga").substr(0, kFile.size()), kFile);
-        return;
-    }
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.out, kStart);
     EXPECT_EQ(testutil::readFile(board.downloadPath()), c.partial);

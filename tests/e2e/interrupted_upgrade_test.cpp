@@ -227,7 +227,7 @@ TEST(OneUpgradeAtATime, KilledUpgradeDoesNotBlockTheNext) {
     ASSERT_TRUE(firstErase(board, "fpga"));
     killed->kill(SIGKILL);
     EXPECT_TRUE(killed->wait().signaled);
-    board.flashsim("fault", {"fpga", "clear"});
+    ASSERT_EQ(board.flashsim("fault", {"fpga", "clear"}).status, 0);
 
     const testutil::ProcessResult r = board.brivlo({"local", path, "fpga"});
     EXPECT_EQ(r.status, 0) << r.err;

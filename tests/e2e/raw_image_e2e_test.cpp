@@ -48,7 +48,9 @@ class RawImage : public ::testing::TestWithParam<RawCase> {};
 TEST_P(RawImage, WritesOrFailsAsTheDeviceAllows) {
     const RawCase& c = GetParam();
     Board board(c.init);
-    if (!c.fault.empty()) board.flashsim("fault", c.fault);
+    if (!c.fault.empty()) {
+        ASSERT_EQ(board.flashsim("fault", c.fault).status, 0);
+    }
     const std::string image = e2e::randomBytes(c.size, c.size);
     const std::string path = board.scratch("image.bin");
     testutil::writeFile(path, image);

@@ -1,9 +1,7 @@
-// A private simulated board for one test, and the ways tests drive it: the
-// flashsim command, and the test client run on the board.
+// A private simulated board for one test, and the test client run on it.
 #pragma once
 
-#include "common/process.h"
-#include "common/tempdir.h"
+#include "common/flashsim_board.h"
 
 #include <string>
 #include <vector>
@@ -12,27 +10,16 @@ namespace flashsimtest {
 
 using Lines = std::vector<std::string>;
 
-class SimBoard {
+class SimBoard : public testutil::FlashsimBoard {
 public:
-    // Makes a board with `flashsim init DIR <options>`; fails the test when
-    // init fails.
-    explicit SimBoard(const Lines& initOptions = {});
+    using FlashsimBoard::FlashsimBoard;
 
-    const std::string& dir() const { return dir_; }
-    std::string file(const std::string& name) const { return dir_ + "/" + name; }
-
-    // flashsim COMMAND DIR ARGS...
-    testutil::ProcessResult flashsim(const std::string& command, const Lines& args = {}) const;
     // The test client on this board: one output line per operation.
     Lines client(const Lines& operations) const;
-    // Raw partition content, through `flashsim dump`.
-    std::vector<unsigned char> dump(const std::string& partition) const;
-    // The log lines that start with `prefix`.
-    Lines logLines(const std::string& prefix) const;
-
-private:
-    testutil::TempDir temp_;
-    std::string dir_;
+    std::vector<unsigned char> dump(const std::string& name) const {
+        const std::string bytes = partition(name);
+        return {bytes.begin(), bytes.end()};
+    }
 };
 
 // Text with descriptor numbers replaced by "FD" ("result=FD", "fd=FD"): they

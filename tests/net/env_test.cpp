@@ -54,6 +54,7 @@ struct SeedCase {
     int sleeps;
     unsigned seed;
 };
+void PrintTo(const SeedCase& c, std::ostream* os) { *os << c.name; }
 
 class SeedRetries : public Seeding, public ::testing::WithParamInterface<SeedCase> {};
 

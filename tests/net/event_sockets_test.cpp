@@ -66,6 +66,7 @@ struct Scenario {
     const char *after_first, *after_second;  // the call log after one and two turns
     unsigned readers;                        // read interests left
 };
+void PrintTo(const Scenario& c, std::ostream* os) { *os << c.name; }
 
 class SocketDeferral : public Sockets, public ::testing::WithParamInterface<Scenario> {};
 

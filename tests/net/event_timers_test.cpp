@@ -71,6 +71,7 @@ struct Schedule {
     void (*setup)(Timers& t);
     std::vector<Step> steps;
 };
+void PrintTo(const Schedule& c, std::ostream* os) { *os << c.name; }
 
 class TimerSchedule : public Timers, public ::testing::WithParamInterface<Schedule> {};
 

@@ -48,11 +48,7 @@ inline qim_id id_text(const char* text) {
     return id;
 }
 
-inline Bytes filled(std::size_t n, uint8_t seed) {
-    Bytes b(n);
-    for (std::size_t i = 0; i < n; ++i) b[i] = static_cast<uint8_t>(seed + i * 7);
-    return b;
-}
+inline Bytes filled(std::size_t n, uint8_t seed) { return testutil::randomByteVector(n, seed); }
 
 struct PartSpec {
     uint32_t part_id;

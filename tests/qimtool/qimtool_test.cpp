@@ -21,12 +21,6 @@ ProcessResult qimtool(std::vector<std::string> args) {
     return testutil::runProcess(args);
 }
 
-std::vector<unsigned char> pattern(std::size_t n, unsigned seed) {
-    std::vector<unsigned char> b(n);
-    for (std::size_t i = 0; i < n; ++i) b[i] = static_cast<unsigned char>(seed * 31 + i * 13);
-    return b;
-}
-
 bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 // What the library's report prints for a package file.
@@ -43,8 +37,8 @@ std::string library_report(const std::string& path) {
 class Qimtool : public testing::Test {
 protected:
     void SetUp() override {
-        testutil::writeBytes(dir.file("image.bin"), pattern(3000, 1));
-        testutil::writeBytes(dir.file("fpga.bin"), pattern(77, 2));
+        testutil::writeBytes(dir.file("image.bin"), testutil::randomByteVector(3000, 1));
+        testutil::writeBytes(dir.file("fpga.bin"), testutil::randomByteVector(77, 2));
         ProcessResult cap = qimtool({"capability", "-o", dir.file("cap.bin"), "--mfgc", "41434d4500000000", "--model",
                                      "4d31000000000000", "--manufacturer-name", "Acme Devices", "--model-name",
                                      "Board One"});
@@ -99,7 +93,7 @@ TEST_F(Qimtool, VerifyInfoJsonExtract) {
 
     ProcessResult x = qimtool({"extract", dir.file("a.qim"), "2", "-o", dir.file("out.bin")});
     ASSERT_EQ(x.status, 0) << x.err;
-    EXPECT_EQ(testutil::readBytes(dir.file("out.bin")), pattern(77, 2));
+    EXPECT_EQ(testutil::readBytes(dir.file("out.bin")), testutil::randomByteVector(77, 2));
     EXPECT_EQ(qimtool({"extract", dir.file("a.qim"), "3", "-o", dir.file("none.bin")}).status, 1);
     EXPECT_FALSE(testutil::fileExists(dir.file("none.bin")));
 }
