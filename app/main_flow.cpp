@@ -5,13 +5,13 @@
 #include <iostream>
 #include <limits>
 #include <memory>
-#include <new>
 #include <string>
 #include <vector>
 
 #include "app/command_line.h"
 #include "app/exit_status.h"
 #include "app/flash_upgrader.h"
+#include "app/image_buffer.h"
 #include "app/release_signature.h"
 #include "app/status_file.h"
 #include "app/stop_signal.h"
@@ -111,7 +111,7 @@ int scanOptions(const std::vector<std::string>& args, bool* localSeen, Overrides
 // is ever sized from a length that was not determined. A symbolic link at the
 // download path is refused (tmp_file::openImage), so a link swapped in after
 // the download cannot make brivlo flash some other file of the system.
-bool readRawImage(const std::string& path, std::vector<uint8_t>* image) {
+bool readRawImage(const std::string& path, ImageBuffer* image) {
     tmp_file::UniqueFile in = tmp_file::openImage(path.c_str());
     if (!in || fseeko(in.get(), 0, SEEK_END) != 0) {
         return false;
@@ -121,11 +121,8 @@ bool readRawImage(const std::string& path, std::vector<uint8_t>* image) {
         fseeko(in.get(), 0, SEEK_SET) != 0) {
         return false;
     }
-    try {
-        image->assign(static_cast<std::size_t>(length), 0);
-    } catch (const std::bad_alloc&) {
-        return false;
-    } catch (const std::length_error&) {
+    if (static_cast<uint64_t>(length) > std::numeric_limits<std::size_t>::max() ||
+        !image->allocate(static_cast<std::size_t>(length))) {
         return false;
     }
     if (length == 0) {
@@ -139,7 +136,7 @@ bool readRawImage(const std::string& path, std::vector<uint8_t>* image) {
 // the image is checked in the buffer the writer then takes, before any erase.
 // Returns 0 or the refusal's exit status.
 int flashRawImage(FlashUpgrader& upgrader, const std::string& path, const std::string& partition) {
-    std::vector<uint8_t> image;
+    ImageBuffer image;
     if (!readRawImage(path, &image)) {
         std::cerr << "Error reading from file " << path << std::endl;
         return 0;
@@ -154,9 +151,8 @@ int flashRawImage(FlashUpgrader& upgrader, const std::string& path, const std::s
         return 0;
     }
     const int isProtected = FlashUpgrader::isPartitionProtected(partition);
-    const uint8_t* bytes = image.empty() ? nullptr : image.data();
     if (upgrader.writeImageToFlash(partition, static_cast<uint32_t>(image.size()), isProtected,
-                                   bytes) != ZEL_SUCCESS) {
+                                   image.data()) != ZEL_SUCCESS) {
         std::cerr << "Error writing to flash" << std::endl;
     }
     return 0;

@@ -8,15 +8,14 @@
 #include <cstring>
 #include <iostream>
 #include <memory>
-#include <new>
 #include <string>
-#include <vector>
 
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
 #include "app/exit_status.h"
+#include "app/image_buffer.h"
 #include "app/release_signature.h"
 #include "app/status_file.h"
 #include "app/stop_signal.h"
@@ -67,7 +66,7 @@ bool readFully(int fd, uint64_t position, uint8_t* data, uint32_t size) {
 //
 // The file's length is checked first, so a damaged part table can never make
 // us allocate more than the file holds.
-ReadResult readPartData(int fd, uint64_t position, uint32_t size, std::vector<uint8_t>* data) {
+ReadResult readPartData(int fd, uint64_t position, uint32_t size, ImageBuffer* data) {
     struct stat st;
     if (fd < 0 || ::fstat(fd, &st) != 0) {
         return ReadResult::kFailed;
@@ -76,9 +75,7 @@ ReadResult readPartData(int fd, uint64_t position, uint32_t size, std::vector<ui
     if (position > length || size > length - position) {
         return ReadResult::kFailed;
     }
-    try {
-        data->assign(size, 0);
-    } catch (const std::bad_alloc&) {
+    if (!data->allocate(size)) {
         return ReadResult::kNoMemory;
     }
     return readFully(fd, position, data->data(), size) ? ReadResult::kOk : ReadResult::kFailed;
@@ -203,14 +200,13 @@ int FlashUpgrader::writeQimToFlash(qim_package* package) {
             continue;
         }
 
-        std::vector<uint8_t> data;
+        ImageBuffer data;
         const ReadResult read = readPartData(validated, position, size, &data);
         if (read != ReadResult::kOk) {
             std::cerr << "writeQimToFlashError reading from file" << std::endl;
             return read == ReadResult::kNoMemory ? static_cast<int>(ZEL_NOMEMORY) : exit_status::kPartReadFailed;
         }
-        const int rc = writeImageToFlash(name, size, isPartitionProtected(name),
-                                         data.empty() ? nullptr : data.data());
+        const int rc = writeImageToFlash(name, size, isPartitionProtected(name), data.data());
         if (rc != ZEL_SUCCESS) {
             std::cerr << "writeQimToFlashFlash write failed" << std::endl;
             return rc;

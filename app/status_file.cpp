@@ -178,7 +178,7 @@ void replaceCurrent(const char* path, const char* tempPath, int current) {
     // A missing (or untrusted) status file reads as empty: the update then
     // leaves an empty status file.
     std::string content;
-    readWholeFile(path, &content);
+    const bool trusted = readWholeFile(path, &content);
     std::istringstream in(content);
     std::string updated;
     std::string line;
@@ -189,6 +189,14 @@ void replaceCurrent(const char* path, const char* tempPath, int current) {
             break;
         }
         updated += line + '\n';
+    }
+    // A status file without a "current=" line (a raw image, written from a
+    // local file or after a download) stays as it is after the first update.
+    // It then already holds exactly what would be renamed over it: skipping
+    // that saves a create, write and rename per erase block and per write
+    // on the board's /tmp, and a reader sees the same text either way.
+    if (trusted && updated == content) {
+        return;
     }
     replaceWith(path, tempPath, updated);
 }

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <string>
 
+#include <sys/stat.h>
+
 #include "common/tempdir.h"
 
 namespace {
@@ -102,23 +104,38 @@ protected:
     void replace(int current) { status_file::replaceCurrent(status.c_str(), temp.c_str(), current); }
 };
 
-// The rewrite of "current=" on files the program never writes itself.
+// The rewrite of "current=" on files the program never writes itself. A file
+// that already holds the result is left in place (same inode), so a raw
+// image, whose status file has no "current=" line, does not churn /tmp once
+// per erase block; any other content is replaced by rename.
 TEST_F(StatusFileWriters, ReplaceCurrentOnUnusualFiles) {
     const struct {
         const char* before;  // nullptr: no file
         const char* after;
+        bool kept;
     } cases[] = {
-        {"status=2\ncurrent=1\ntotal=5\ncurrent=3", "status=2\ncurrent=9"},  // lines after it are dropped
-        {"status=1", "status=1\n"},                                          // no such line: only a line feed
-        {"status=1\n", "status=1\n"},
-        {nullptr, ""},
+        {"status=2\ncurrent=1\ntotal=5\ncurrent=3", "status=2\ncurrent=9", false},  // lines after it are dropped
+        {"status=1", "status=1\n", false},  // no such line: only a line feed
+        {"status=1\n", "status=1\n", true},
+        {"", "", true},
+        {"status=2\ncurrent=9", "status=2\ncurrent=9", true},
+        {"status=2\ncurrent=8", "status=2\ncurrent=9", false},
+        {nullptr, "", false},
     };
     for (const auto& c : cases) {
+        const std::string name = c.before ? c.before : "(none)";
         std::remove(status.c_str());
-        if (c.before) testutil::writeFile(status, c.before);
+        struct stat before {};
+        if (c.before) {
+            testutil::writeFile(status, c.before);
+            ASSERT_EQ(::stat(status.c_str(), &before), 0);
+        }
         replace(9);
-        EXPECT_EQ(testutil::readFile(status), c.after) << (c.before ? c.before : "(none)");
+        EXPECT_EQ(testutil::readFile(status), c.after) << name;
         EXPECT_FALSE(testutil::fileExists(temp)) << "the temporary file is renamed, not copied";
+        struct stat after {};
+        ASSERT_EQ(::stat(status.c_str(), &after), 0) << name;
+        EXPECT_EQ(after.st_ino == before.st_ino && c.before, c.kept) << name;
     }
 }
 

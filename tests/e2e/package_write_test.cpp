@@ -88,13 +88,14 @@ TEST(PackageWrite, ProgressRunsOnAcrossParts) {
     const testutil::ProcessResult r = board.brivlo({"local", pkg, "qim"});
     EXPECT_EQ(r.status, 0) << r.err;
     // total = 2 x (150000 + 1000), written whole at the start. fpga: the
-    // count before each of three erased blocks (0, 65536, 131072), after
-    // chunk 0 (196608 + 65536) and at the end (196608 + 150000); config
-    // continues: 346608 at its erase, then 346608 + 65536 + 1000. Main
-    // removes the file at the end.
+    // count before each of three erased blocks (0, already there, 65536,
+    // 131072), after chunk 0 (196608 + 65536) and at the end (196608 +
+    // 150000); config continues: 346608 at its erase (already there), then
+    // 346608 + 65536 + 1000. An update that changes nothing renames nothing.
+    // Main removes the file at the end.
     const std::string head = "status=2\ntotal=302000\ncurrent=";
     std::vector<std::string> expected;
-    for (int current : {0, 0, 65536, 131072, 262144, 346608, 346608, 413144}) {
+    for (int current : {0, 65536, 131072, 262144, 346608, 413144}) {
         expected.push_back(head + std::to_string(current));
     }
     expected.push_back(e2e::kRemoved);

@@ -141,8 +141,9 @@ TEST(SquatterStatus, ForeignRecordIsNoStartCount) {
     testutil::writeFile(image, e2e::randomBytes(1000, 5));
     const testutil::ProcessResult r = board.brivlo({"local", image, "config"});
     EXPECT_EQ(r.status, 0) << r.err;
-    // Untrusted reads as missing: every update leaves an empty file.
-    EXPECT_EQ(e2e::statusHistory(board), (std::vector<std::string>{"", "", e2e::kRemoved}));
+    // Untrusted reads as missing: the first update replaces it with an empty
+    // file of brivlo's own, which the second then leaves in place.
+    EXPECT_EQ(e2e::statusHistory(board), (std::vector<std::string>{"", e2e::kRemoved}));
 }
 
 // A board /tmp of 128 KiB, as a small tmpfs: a download that does not fit is
