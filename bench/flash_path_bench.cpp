@@ -97,9 +97,9 @@ void flashPathBenchmarks(const Config& config, Table& table) {
     table.note("Flash path: " + std::to_string(config.runs) +
                " runs each, interleaved; flashsim stores every write as old AND new (a read and a write of the "
                "backing file) and an erase as a write of 0xFF, so the bare erase+write row is the simulator's floor "
-               "and the distance from it to brivlo is brivlo's own cost: reading the image, and a new status file by "
-               "temporary file and rename once per erased block (on an ext4 /tmp, perf puts most of that in the "
-               "file system's inode allocation).");
+               "and the distance from it to brivlo is brivlo's own cost: the console dots and a read of the status "
+               "file per erased block and written chunk (a raw image's status text never changes, so it is not "
+               "rewritten). Both hold the image in pages mapped at once.");
 }
 
 }  // namespace bench
