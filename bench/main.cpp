@@ -23,10 +23,10 @@ struct Benchmark {
     void (*run)(const Config&, Table&);
 };
 
-#ifdef BRIVLO_BENCH_CRC_ONLY
+#ifdef BRIVLO_BENCH_BOARD
 // A cross build for the board, run under emulation: the other benchmarks
 // time programs against tools of the build machine.
-const Benchmark kBenchmarks[] = {{"crc", bench::crcBenchmarks}};
+const Benchmark kBenchmarks[] = {{"crc", bench::crcBenchmarks}, {"signature", bench::signatureBenchmarks}};
 #else
 const Benchmark kBenchmarks[] = {
     {"crc", bench::crcBenchmarks},         {"tftp", bench::tftpBenchmarks},
@@ -66,10 +66,10 @@ std::string loadAverage() {
 
 int main(int argc, char** argv) {
     Config config;
-#ifndef BRIVLO_BENCH_CRC_ONLY
+    config.qimtool = QIMTOOL_BIN;
+#ifndef BRIVLO_BENCH_BOARD
     config.brivlo = BRIVLO_BIN;
     config.flashsim = FLASHSIM_BIN;
-    config.qimtool = QIMTOOL_BIN;
     config.mtdFloor = MTD_FLOOR_BIN;
 #endif
     std::set<std::string> only;

@@ -35,19 +35,7 @@ cmake --build "$build" -j"$jobs"
 build_done=$SECONDS
 
 # --- binfmt_misc: ARM programs started by tests go to qemu-arm ------------------
-binfmt=/proc/sys/fs/binfmt_misc
-arm_registered() { [ -r $binfmt/qemu-arm ] && [ "$(head -n1 $binfmt/qemu-arm)" = enabled ]; }
-register_arm() {
-  [ -e $binfmt/register ] || mount -t binfmt_misc binfmt_misc $binfmt 2>/dev/null || return 1
-  arm_registered && return 0
-  update-binfmts --enable qemu-arm >/dev/null 2>&1 || true
-  arm_registered && return 0
-  # By hand: 32-bit little-endian ARM ELF executables. F opens the interpreter
-  # now, so it also serves programs in other mount namespaces.
-  printf '%s' ':qemu-arm:M::\x7fELF\x01\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\x28\x00:\xff\xff\xff\xff\xff\xff\xff\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff\xff:/usr/bin/qemu-arm-static:F' \
-    >$binfmt/register 2>/dev/null || return 1
-  arm_registered
-}
+. scripts/arm_binfmt.sh
 # qemu started through binfmt_misc finds the ARM C library only through this.
 export QEMU_LD_PREFIX=$cross_root
 binfmt_ok=false

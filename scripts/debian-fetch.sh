@@ -6,7 +6,9 @@
 # untouched. The list holds armhf and this machine's own architecture.
 
 fetch_debs() {
-  local dir=$1
+  # Absolute: apt reads relative Dir:: paths against its own directories.
+  local dir
+  dir=$(realpath -m "$1")
   shift
   local host_arch
   host_arch=$(dpkg --print-architecture)
