@@ -31,10 +31,8 @@ struct PackageFree {
 };
 using UniquePackage = std::unique_ptr<qim_package, PackageFree>;
 
-// Result of writeQimToFlash when a part's bytes cannot be read: the part
-// table promises data that the file does not hold, so the package is treated
-// as damaged.
-
+// A part whose bytes cannot be read (kFailed: the part table promises data
+// the file does not hold) makes the package count as damaged.
 enum class ReadResult { kOk, kFailed, kNoMemory };
 
 // Reads `size` bytes from `position` on, however the kernel splits them.

@@ -19,8 +19,6 @@
 
 namespace release_signature {
 
-// Exit status of every refusal: an administrative policy violation.
-
 // The extension of a detached signature file.
 constexpr const char* kSignatureExtension = ".minisig";
 

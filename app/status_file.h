@@ -77,7 +77,8 @@ void writePackagePhase(const char* path, const char* tempPath, int total);
 // which is replaced by "current=" `current` (lines after it are dropped),
 // then renames `tempPath` over `path`. A missing file leaves an empty one.
 // When `tempPath` cannot be created or written completely nothing is renamed:
-// `path` keeps its previous content.
+// `path` keeps its previous content. A trusted file that already holds the
+// result (a raw image's file, which has no "current=" line) is left in place.
 void replaceCurrent(const char* path, const char* tempPath, int current);
 
 }  // namespace status_file

@@ -12,7 +12,7 @@ constexpr const char* kLockedFolder = "/dev/flash";
 UpgradeLock::State UpgradeLock::acquire() {
     // Not inherited by anything the upgrade might start: the lock ends with
     // this process.
-    UniqueFd folder(::open(kLockedFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    zel::UniqueFd folder(::open(kLockedFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder.valid()) {
         return State::kUnavailable;
     }

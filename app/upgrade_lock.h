@@ -4,7 +4,7 @@
 // upgrade, and there is no PID file to clean up.
 #pragma once
 
-#include "app/mtd_device.h"
+#include "support/unique_handles.h"
 
 class UpgradeLock {
 public:
@@ -18,5 +18,5 @@ public:
     State acquire();
 
 private:
-    UniqueFd folder_;
+    zel::UniqueFd folder_;
 };
