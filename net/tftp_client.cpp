@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <cstdio>
 #include <cstring>
 #include <new>
 
@@ -36,6 +37,9 @@ void prepare(zel_tftp_client_request* request, const zel_sockaddr* server, const
     request->file = file;
     request->retry_timeout = retry_timeout ? *retry_timeout : ZEL_TFTP_DEFAULT_RETRY_TIMEOUT;
     request->abort_timeout = abort_timeout ? *abort_timeout : ZEL_TFTP_DEFAULT_ABORT_TIMEOUT;
+    request->options = request->client->options;
+    request->block_size = ZEL_TFTP_BLOCK_SIZE;
+    request->window_size = 1;
 
     char server_text[ZEL_TFTP_ADDRESS_TEXT_SIZE];
     zel_log_printf(zel_tftp_client_request__log(request), ZEL_LOG_DEBUG,
@@ -79,14 +83,12 @@ zel_error_t open_and_register(zel_tftp_client_request* request) {
                        zel_tftp_client_request__error_text(request, err));
         return err;
     }
-    err = zel_tftp_packet_encode_rrq(request->outgoing.packet, sizeof request->outgoing.packet, request->file_name,
-                                     &request->outgoing.length);
+    err = zel_tftp_client_request__build_request(request, true);
     if (err != ZEL_SUCCESS) {
         zel_log_printf(log, ZEL_LOG_ERROR, "%s: error initialising read request message: %s\n", fn,
                        zel_tftp_client_request__error_text(request, err));
         return err;
     }
-    request->outgoing.address = request->server;
     return ZEL_SUCCESS;
 }
 
@@ -139,6 +141,17 @@ void zel_tftp_client__set_simulated_failure_probability(zel_tftp_client* client,
     client->failure_probability = percent > 100 ? 100 : percent;
     zel_log_printf(client->env->log, ZEL_LOG_DEBUG, "%s: simulated failure probability is now %d\n", __func__,
                    static_cast<int>(client->failure_probability));
+}
+
+zel_error_t zel_tftp_client__set_options(zel_tftp_client* client, const zel_tftp_options* options) {
+    if (client == nullptr) return ZEL_INVALIDPARAMETER;
+    if (options == nullptr) {
+        client->options = zel_tftp_options{};
+        return ZEL_SUCCESS;
+    }
+    const zel_error_t err = zel_tftp_options_check(options);
+    if (err == ZEL_SUCCESS) client->options = *options;
+    return err;
 }
 
 zel_error_t zel_tftp_client__recv_file(zel_tftp_client* client, const zel_sockaddr* server, const char* file_name,
@@ -202,6 +215,46 @@ void zel_tftp_client_request__reset(zel_tftp_client_request* request) {
     request->error = ZEL_SUCCESS;
     request->block = 0;
     request->bytes_transferred = 0;
+    request->options = zel_tftp_options{};
+    request->negotiation = ZEL_TFTP_NEGOTIATION_NONE;
+    request->block_size = ZEL_TFTP_BLOCK_SIZE;
+    request->window_size = 1;
+    request->window_received = 0;
+    request->gap_acknowledged = false;
+}
+
+zel_error_t zel_tftp_client_request__build_request(zel_tftp_client_request* request, bool with_options) {
+    zel_tftp_message* out = &request->outgoing;
+    const zel_tftp_options& asked = request->options;
+    // Decimal texts of the asked values; they live until the packet is built.
+    char blksize[8];
+    char windowsize[8];
+    zel_tftp_option list[3];
+    uint32_t count = 0;
+    if (with_options && asked.blksize != 0) {
+        std::snprintf(blksize, sizeof blksize, "%u", static_cast<unsigned>(asked.blksize));
+        list[count++] = {"blksize", blksize};
+    }
+    if (with_options && asked.windowsize != 0) {
+        std::snprintf(windowsize, sizeof windowsize, "%u", static_cast<unsigned>(asked.windowsize));
+        list[count++] = {"windowsize", windowsize};
+    }
+    // RFC 2349: a reading client asks with the value 0.
+    if (with_options && asked.tsize) list[count++] = {"tsize", "0"};
+
+    request->negotiation = ZEL_TFTP_NEGOTIATION_NONE;
+    zel_error_t err = ZEL_MSGSIZE;
+    if (count > 0) {
+        err = zel_tftp_packet_encode_rrq_options(out->packet, sizeof out->packet, request->file_name, list, count,
+                                                 &out->length);
+        if (err == ZEL_SUCCESS) request->negotiation = ZEL_TFTP_NEGOTIATION_ASKED;
+    }
+    // A name too long for options within 512 bytes is asked for without them.
+    if (err == ZEL_MSGSIZE) {
+        err = zel_tftp_packet_encode_rrq(out->packet, sizeof out->packet, request->file_name, &out->length);
+    }
+    if (err == ZEL_SUCCESS) out->address = request->server;
+    return err;
 }
 
 zel_error_t zel_tftp_client_request__send_message(zel_tftp_client_request* request) {

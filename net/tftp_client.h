@@ -1,5 +1,6 @@
 // Event-driven TFTP read client (RFC 1350, octet mode, 512-byte blocks, lock
-// step). zel_tftp_client__recv_file opens a UDP socket, sends the read request
+// step; on request the options of RFC 2347: blksize, windowsize, tsize, and
+// block numbers that roll over). zel_tftp_client__recv_file opens a UDP socket, sends the read request
 // and registers the socket and two timers on the environment's event loop;
 // from then on the loop's callbacks do all the work, and the caller learns of
 // progress, completion and failure through the client's one callback. The
@@ -9,8 +10,17 @@
 // retry_timeout; the request fails with TIMEDOUT abort_timeout after it was
 // started or after the last new block. Both timers restart on each new block.
 //
-// A client holds one request at a time. It never writes files, never sends an
-// ERROR packet and never negotiates options. Everything it reports goes to the
+// A client holds one request at a time. It never writes files. Without
+// options (the default) it never sends an ERROR packet and never negotiates.
+// With options (zel_tftp_client__set_options) the read request carries them
+// when it stays within 512 bytes; an OACK is checked and acknowledged with
+// ACK 0, or refused with ERROR 8; an ERROR 8 answer makes it ask once more
+// without options; DATA 1 instead of an OACK goes on at 512 bytes, window 1.
+// With a window of W blocks the client acknowledges the last block of each
+// full window, the short last block, and the last block received in order
+// when one is missing (once per gap); duplicates are dropped, never stored
+// twice. A file announced (tsize) above max_size is refused with ERROR 3
+// before any byte is stored. Everything it reports goes to the
 // environment's log. Single-threaded: use it on the thread that turns the loop.
 #pragma once
 
@@ -66,6 +76,13 @@ struct zel_tftp_client_request {
     uint32_t bytes_transferred;        // sum of the data lengths handed to `write`
     zel_tftp_message outgoing;         // last packet sent (RRQ, later the last ACK)
     zel_tftp_message incoming;         // receive buffer
+    // Options: a copy of the client's at recv_file, and where they stand.
+    zel_tftp_options options;
+    uint32_t negotiation;              // ZEL_TFTP_NEGOTIATION_*
+    uint16_t block_size;               // 512 unless an OACK said otherwise
+    uint16_t window_size;              // 1 unless an OACK said otherwise
+    uint16_t window_received;          // new blocks since the last ACK went out
+    bool gap_acknowledged;             // a missing block was reported since the last new block
 };
 
 struct zel_tftp_client {
@@ -75,6 +92,7 @@ struct zel_tftp_client {
     zel_tftp_client_request request;   // the one request
     char error_text[ZEL_TFTP_ERROR_TEXT_SIZE];
     uint32_t failure_probability;      // percent 0..100; 0 = no simulated failures
+    zel_tftp_options options;          // for the next recv_file; all zero: none
 };
 
 // Null when `env` is null, has no event loop, or memory runs out. The client
@@ -91,6 +109,11 @@ void* zel_tftp_client__context(const zel_tftp_client* client);
 // Percent of sends and receives to drop on purpose (testing); values above 100
 // are stored as 100. Logged at Debug.
 void zel_tftp_client__set_simulated_failure_probability(zel_tftp_client* client, unsigned percent);
+
+// Options for the requests started from now on (copied by recv_file); null
+// or all zero: none. INVALIDPARAMETER for a null client or a value out of
+// range (zel_tftp_options_check); the client's options are then unchanged.
+zel_error_t zel_tftp_client__set_options(zel_tftp_client* client, const zel_tftp_options* options);
 
 // Starts downloading `file_name` from `server` (port 0 means 69) into `file`
 // through `write`. Null timeouts take the defaults.

@@ -9,6 +9,11 @@
 // when a simulated failure is drawn. A real failure is logged, formatted into
 // the client's error_text and returned.
 zel_error_t zel_tftp_client_request__send_message(zel_tftp_client_request* request);
+// Builds the read request into `outgoing`, addressed to the server: with the
+// request's options when `with_options` and they fit within 512 bytes
+// (negotiation ASKED), else plain (negotiation NONE). The read request's
+// refusals (INVALIDDATA for a name of 1463 bytes or more) are returned.
+zel_error_t zel_tftp_client_request__build_request(zel_tftp_client_request* request, bool with_options);
 // Removes both timers and the socket interest and closes the socket; the
 // fields become null / -1. Safe to call again.
 void zel_tftp_client_request__close(zel_tftp_client_request* request);

@@ -1,6 +1,7 @@
 // TFTP (RFC 1350) packets as bytes: encoding of the packets a reading client
-// sends (RRQ, ACK) and a server sends (DATA, ERROR), decoding of all of them,
-// and the mapping of TFTP error codes to zel_error_t. Pure functions over
+// sends (RRQ, ACK, ERROR) and a server sends (DATA, ERROR, OACK), decoding of
+// all of them, the option list of an OACK (RFC 2347), and the mapping of TFTP
+// error codes to zel_error_t. Pure functions over
 // caller buffers: no I/O, no allocation, safe on any input (fuzzable).
 //
 // Every 16-bit field on the wire is big-endian. Encoders leave `*length`
@@ -18,6 +19,13 @@ enum : uint16_t {
     ZEL_TFTP_OPCODE_DATA = 3,
     ZEL_TFTP_OPCODE_ACK = 4,
     ZEL_TFTP_OPCODE_ERROR = 5,
+    ZEL_TFTP_OPCODE_OACK = 6,  // RFC 2347
+};
+
+// TFTP error codes the client sends.
+enum : uint16_t {
+    ZEL_TFTP_ERROR_DISK_FULL = 3,
+    ZEL_TFTP_ERROR_OPTION_REFUSED = 8,  // RFC 2347: the client refuses the OACK
 };
 
 enum : uint32_t {
@@ -31,6 +39,8 @@ enum : uint32_t {
     // Longest file name a read request can carry: 2 + 1462 + 1 + "octet" + 1 = 1471.
     ZEL_TFTP_MAX_FILE_NAME_LENGTH = 1462,
     ZEL_TFTP_DEFAULT_PORT = 69,
+    // RFC 2347: a request that carries options stays within 512 bytes.
+    ZEL_TFTP_MAX_OPTION_REQUEST_SIZE = 512,
 };
 
 // What a datagram is. MALFORMED: a known opcode whose fixed part is missing
@@ -45,6 +55,7 @@ enum zel_tftp_packet_kind : unsigned {
     ZEL_TFTP_PACKET_ACK,
     ZEL_TFTP_PACKET_ERROR,
     ZEL_TFTP_PACKET_UNKNOWN,
+    ZEL_TFTP_PACKET_OACK,  // payload: the option bytes after the opcode
 };
 
 // A decoded datagram. Pointers point into the decoded buffer and live as long
@@ -71,11 +82,51 @@ struct zel_tftp_message {
 // whatever the bytes are, the result says what they are.
 zel_tftp_packet_view zel_tftp_packet_decode(const uint8_t* packet, uint32_t length);
 
+// One option of a request: both texts terminated, neither null.
+struct zel_tftp_option {
+    const char* name;
+    const char* value;
+};
+
+// The options an OACK carries, as far as this client knows them. Values are
+// what the server wrote, unchecked against the request (tftp_state decides).
+enum : uint32_t {
+    ZEL_TFTP_OACK_BLKSIZE = 1u << 0,
+    ZEL_TFTP_OACK_WINDOWSIZE = 1u << 1,
+    ZEL_TFTP_OACK_TSIZE = 1u << 2,
+    ZEL_TFTP_OACK_UNKNOWN = 1u << 3,  // some option this client never asks for
+};
+struct zel_tftp_oack {
+    uint32_t present;  // ZEL_TFTP_OACK_* bits
+    uint64_t blksize;
+    uint64_t windowsize;
+    uint64_t tsize;
+};
+
+// Reads the option bytes of an OACK (`length` bytes after the opcode):
+// name/value pairs, each text terminated; names compared without regard to
+// case; values decimal digits only (at most 19). INVALIDPARAMETER for a null
+// `out` (or null `options` with a length); INVALIDDATA for an unterminated
+// text, an empty name, a value that is not a number, or an option named
+// twice. `*out` is untouched on failure. No option at all is a valid OACK.
+zel_error_t zel_tftp_oack_parse(const uint8_t* options, uint32_t length, zel_tftp_oack* out);
+
 // Read request for `file_name` in mode "octet": length = name length + 9.
 // INVALIDPARAMETER for a null pointer or an empty name; INVALIDDATA for a name
 // of 1463 bytes or more; NOBUFS when `capacity` is too small.
 zel_error_t zel_tftp_packet_encode_rrq(uint8_t* packet, uint32_t capacity, const char* file_name,
                                        uint32_t* length);
+
+// Read request for `file_name` in mode "octet" followed by `count` options.
+// The same refusals as zel_tftp_packet_encode_rrq, and MSGSIZE when the whole
+// request would exceed 512 bytes (the caller then asks without options).
+zel_error_t zel_tftp_packet_encode_rrq_options(uint8_t* packet, uint32_t capacity, const char* file_name,
+                                               const zel_tftp_option* options, uint32_t count, uint32_t* length);
+
+// OACK with `count` options: test peers build them. INVALIDPARAMETER for a
+// null pointer, NOBUFS when it does not fit.
+zel_error_t zel_tftp_packet_encode_oack(uint8_t* packet, uint32_t capacity, const zel_tftp_option* options,
+                                        uint32_t count, uint32_t* length);
 
 // ACK of `block`: 4 bytes. INVALIDPARAMETER for a null pointer, NOBUFS when
 // `capacity` is below 4.

@@ -34,12 +34,87 @@ static zel_error_t zel_tftp_client_request__recv_message(zel_tftp_client_request
     return ZEL_SUCCESS;
 }
 
+static bool zel_tftp_client_request__restart_timers(zel_tftp_client_request* request, const char* step);
+static bool zel_tftp_client_request__send_ack(zel_tftp_client_request* request, const char* step);
+
+// Sends an ERROR packet to the peer of the datagram just received (the
+// server's transfer port) and fails the request with `code`. The server
+// learns why the transfer ends; nothing is sent after this.
+static void zel_tftp_client_request__refuse(zel_tftp_client_request* request, uint16_t tftp_code,
+                                            const char* message, zel_error_t code) {
+    zel_tftp_message* out = &request->outgoing;
+    zel_tftp_packet_encode_error(out->packet, sizeof out->packet, tftp_code, message, &out->length);
+    out->address = request->incoming.address;
+    zel_tftp_client_request__send_message(request);
+    zel_tftp_client_request__fail(request, code);
+}
+
+// ERROR 8: the server will not talk options. Ask once more with the plain
+// read request, from the same socket, to the server's own port.
+static void zel_tftp_client_request__ask_without_options(zel_tftp_client_request* request, const char* step) {
+    zel_log_printf(zel_tftp_client_request__log(request), ZEL_LOG_DEBUG,
+                   "%s: the server refused the options, asking again without them\n", step);
+    zel_tftp_client_request__build_request(request, false);
+    request->negotiation = ZEL_TFTP_NEGOTIATION_DROPPED;
+    if (!zel_tftp_client_request__restart_timers(request, step)) return;
+    if (zel_tftp_client_request__send_message(request) != ZEL_SUCCESS) {
+        zel_log_printf(zel_tftp_client_request__log(request), ZEL_LOG_WARNING,
+                       "%s: error sending the read request, will wait for retry\n", step);
+    }
+}
+
+// The server's answer to the options: checked against what was asked, then
+// acknowledged with ACK 0 (which the retry timer repeats until DATA 1
+// comes), or refused with ERROR 8. A file announced larger than the room
+// the caller has is refused with ERROR 3 before a byte arrives.
+static void zel_tftp_client_request__handle_oack_message(zel_tftp_client_request* request,
+                                                         const zel_tftp_packet_view& view) {
+    zel_log* log = zel_tftp_client_request__log(request);
+    if (request->negotiation == ZEL_TFTP_NEGOTIATION_ACCEPTED && request->block == 0) {
+        // Our ACK 0 was lost and the server repeats its OACK.
+        zel_tftp_client_request__send_ack(request, __func__);
+        return;
+    }
+    if (request->negotiation != ZEL_TFTP_NEGOTIATION_ASKED) {
+        zel_log_printf(log, ZEL_LOG_ERROR, "%s: ignoring an option acknowledgement nobody asked for\n", __func__);
+        return;
+    }
+    zel_tftp_oack oack{};
+    zel_tftp_transfer transfer{};
+    const char* why = "options that do not parse";
+    if (zel_tftp_oack_parse(view.payload, view.payload_length, &oack) != ZEL_SUCCESS ||
+        zel_tftp_negotiate(&request->options, &oack, &transfer, &why) != ZEL_SUCCESS) {
+        zel_log_printf(log, ZEL_LOG_ERROR, "%s: refusing the server's options: %s\n", __func__, why);
+        zel_tftp_client_request__refuse(request, ZEL_TFTP_ERROR_OPTION_REFUSED, "option refused", ZEL_INVALIDDATA);
+        return;
+    }
+    if ((oack.present & ZEL_TFTP_OACK_TSIZE) != 0 && request->options.max_size != 0 &&
+        oack.tsize > request->options.max_size) {
+        zel_log_printf(log, ZEL_LOG_ERROR, "%s: the file of %llu bytes does not fit into %llu bytes\n", __func__,
+                       static_cast<unsigned long long>(oack.tsize),
+                       static_cast<unsigned long long>(request->options.max_size));
+        zel_tftp_client_request__refuse(request, ZEL_TFTP_ERROR_DISK_FULL, "file too large", ZEL_DATATOOLONG);
+        return;
+    }
+    zel_log_printf(log, ZEL_LOG_DEBUG, "%s: options accepted, blksize=%u windowsize=%u\n", __func__,
+                   static_cast<unsigned>(transfer.block_size), static_cast<unsigned>(transfer.window_size));
+    request->negotiation = ZEL_TFTP_NEGOTIATION_ACCEPTED;
+    request->block_size = transfer.block_size;
+    request->window_size = transfer.window_size;
+    if (!zel_tftp_client_request__restart_timers(request, __func__)) return;
+    zel_tftp_client_request__send_ack(request, __func__);
+}
+
 static void zel_tftp_client_request__handle_error_message(zel_tftp_client_request* request,
                                                           const zel_tftp_packet_view& view) {
     zel_log* log = zel_tftp_client_request__log(request);
     if (view.kind == ZEL_TFTP_PACKET_MALFORMED) {
         zel_log_printf(log, ZEL_LOG_ERROR, "%s: ignoring invalid error packet (only %u bytes long)\n", __func__,
                        static_cast<unsigned>(request->incoming.length));
+        return;
+    }
+    if (view.number == ZEL_TFTP_ERROR_OPTION_REFUSED && request->negotiation == ZEL_TFTP_NEGOTIATION_ASKED) {
+        zel_tftp_client_request__ask_without_options(request, __func__);
         return;
     }
     zel_log_printf(log, ZEL_LOG_DEBUG, "%s: got an ERROR packet, switching to ERROR state\n", __func__);
@@ -70,32 +145,79 @@ static bool zel_tftp_client_request__restart_timers(zel_tftp_client_request* req
     return true;
 }
 
+// What became of a received DATA block.
+enum class BlockFate {
+    Dropped,   // nothing to do
+    Accepted,  // new or repeated: move the request on; `ack` says whether an ACK is due
+    GapAck,    // blocks are missing: acknowledge the last one received in order, nothing else
+};
+
+// Stores a new block. False when the timers could not restart (the request failed).
+static bool zel_tftp_client_request__store_block(zel_tftp_client_request* request,
+                                                 const zel_tftp_packet_view& view, bool* wrote, const char* step) {
+    if (view.payload_length > 0) {
+        request->write(view.payload, view.payload_length, 1, request->file);
+        request->bytes_transferred += view.payload_length;
+        *wrote = true;
+    }
+    request->block = view.number;
+    ++request->window_received;
+    request->gap_acknowledged = false;
+    return zel_tftp_client_request__restart_timers(request, step);
+}
+
 // Takes in a new block, lets a repeated one through to be acknowledged again,
-// drops any other. True when the block is to be acknowledged; `wrote` tells
-// whether data went into the file.
-static bool zel_tftp_client_request__accept_block(zel_tftp_client_request* request,
-                                                  const zel_tftp_packet_view& view, bool* wrote,
-                                                  const char* step) {
+// and drops any other; with options, a block ahead within the window reports
+// the gap once. `wrote` tells whether data went into the file; `ack` whether
+// the block is to be acknowledged now.
+static BlockFate zel_tftp_client_request__accept_block(zel_tftp_client_request* request,
+                                                       const zel_tftp_packet_view& view, bool* wrote, bool* ack,
+                                                       const char* step) {
     *wrote = false;
-    switch (zel_tftp_classify_block(request->block, view.number)) {
-    case ZEL_TFTP_BLOCK_NEW:
-        if (view.payload_length > 0) {
-            request->write(view.payload, view.payload_length, 1, request->file);
-            request->bytes_transferred += view.payload_length;
-            *wrote = true;
+    *ack = true;
+    if (!request->options.rollover) {
+        switch (zel_tftp_classify_block(request->block, view.number)) {
+        case ZEL_TFTP_BLOCK_NEW:
+            return zel_tftp_client_request__store_block(request, view, wrote, step) ? BlockFate::Accepted
+                                                                                     : BlockFate::Dropped;
+        case ZEL_TFTP_BLOCK_REPEAT:
+            // Our ACK was lost: acknowledge again, but a repeat is no progress.
+            return BlockFate::Accepted;
+        case ZEL_TFTP_BLOCK_INVALID:
+            break;
         }
-        request->block = view.number;
-        return zel_tftp_client_request__restart_timers(request, step);
-    case ZEL_TFTP_BLOCK_REPEAT:
-        // Our ACK was lost: acknowledge again, but a repeat is no progress.
-        return true;
-    case ZEL_TFTP_BLOCK_INVALID:
-        break;
+    } else {
+        switch (zel_tftp_classify_window_block(request->block, view.number, request->window_size)) {
+        case ZEL_TFTP_WINDOW_NEW:
+            if (!zel_tftp_client_request__store_block(request, view, wrote, step)) return BlockFate::Dropped;
+            // RFC 7440: the last block of a full window, and the short last block.
+            *ack = request->window_received >= request->window_size || view.payload_length < request->block_size;
+            return BlockFate::Accepted;
+        case ZEL_TFTP_WINDOW_REPEAT:
+            return BlockFate::Accepted;
+        case ZEL_TFTP_WINDOW_GAP:
+            // Once per gap: the server restarts its window after our ACK, and
+            // every further block of the broken window would ask again.
+            if (request->gap_acknowledged) return BlockFate::Dropped;
+            request->gap_acknowledged = true;
+            zel_log_printf(zel_tftp_client_request__log(request), ZEL_LOG_DEBUG,
+                           "%s: block %d is missing, acknowledging %d\n", step,
+                           static_cast<int>(static_cast<uint16_t>(request->block + 1)),
+                           static_cast<int>(request->block));
+            return BlockFate::GapAck;
+        case ZEL_TFTP_WINDOW_DUPLICATE:
+            zel_log_printf(zel_tftp_client_request__log(request), ZEL_LOG_DEBUG,
+                           "%s: ignoring duplicate block %d (current=%d)\n", step, static_cast<int>(view.number),
+                           static_cast<int>(request->block));
+            return BlockFate::Dropped;
+        case ZEL_TFTP_WINDOW_INVALID:
+            break;
+        }
     }
     zel_log_printf(zel_tftp_client_request__log(request), ZEL_LOG_ERROR,
                    "%s: ignoring data packet with invalid block %d (current=%d)\n", step,
                    static_cast<int>(view.number), static_cast<int>(request->block));
-    return false;
+    return BlockFate::Dropped;
 }
 
 // Acknowledges the current block to the port it came from: the server's
@@ -103,6 +225,7 @@ static bool zel_tftp_client_request__accept_block(zel_tftp_client_request* reque
 // it again).
 static bool zel_tftp_client_request__send_ack(zel_tftp_client_request* request, const char* step) {
     zel_tftp_message* out = &request->outgoing;
+    request->window_received = 0;
     zel_tftp_packet_encode_ack(out->packet, sizeof out->packet, request->block, &out->length);
     out->address = request->incoming.address;
     if (zel_tftp_client_request__send_message(request) != ZEL_SUCCESS) {
@@ -118,7 +241,7 @@ static bool zel_tftp_client_request__send_ack(zel_tftp_client_request* request, 
 // after the callback ran: the callback may reset it.
 static void zel_tftp_client_request__advance_after_ack(zel_tftp_client_request* request, uint32_t data_length,
                                                        bool wrote) {
-    switch (zel_tftp_after_ack(request->state, data_length, wrote)) {
+    switch (zel_tftp_after_ack(request->state, data_length, request->block_size, wrote)) {
     case ZEL_TFTP_AFTER_ACK_COMPLETE:
         request->state = ZEL_TFTP_CLIENT_REQUEST_STATE_COMPLETED;
         zel_tftp_client_request__close(request);
@@ -149,10 +272,16 @@ static void zel_tftp_client_request__handle_data_message(zel_tftp_client_request
     zel_log_printf(log, ZEL_LOG_DEBUG, "%s: got a DATA packet, block_id=%d (curr=%d) data_length=%u\n", __func__,
                    static_cast<int>(view.number), static_cast<int>(request->block),
                    static_cast<unsigned>(view.payload_length));
+    if (request->negotiation == ZEL_TFTP_NEGOTIATION_ASKED) {
+        // DATA instead of an OACK: the server ignored the options.
+        request->negotiation = ZEL_TFTP_NEGOTIATION_IGNORED;
+    }
     bool wrote = false;
-    if (!zel_tftp_client_request__accept_block(request, view, &wrote, __func__)) return;
-    if (!zel_tftp_client_request__send_ack(request, __func__)) return;
-    zel_tftp_client_request__advance_after_ack(request, view.payload_length, wrote);
+    bool ack = true;
+    const BlockFate fate = zel_tftp_client_request__accept_block(request, view, &wrote, &ack, __func__);
+    if (fate == BlockFate::Dropped) return;
+    if (ack && !zel_tftp_client_request__send_ack(request, __func__)) return;
+    if (fate == BlockFate::Accepted) zel_tftp_client_request__advance_after_ack(request, view.payload_length, wrote);
 }
 
 void zel_tftp_client_request__socket_cb(unsigned cause, int descriptor, unsigned type, void* context) {
@@ -198,11 +327,19 @@ void zel_tftp_client_request__socket_cb(unsigned cause, int descriptor, unsigned
     case ZEL_TFTP_OPCODE_DATA:
         zel_tftp_client_request__handle_data_message(request, view);
         return;
+    case ZEL_TFTP_OPCODE_OACK:
+        // Only a request that asked for options hears of them; any other
+        // treats the opcode as RFC 1350 does: unknown.
+        if (request->negotiation != ZEL_TFTP_NEGOTIATION_NONE) {
+            zel_tftp_client_request__handle_oack_message(request, view);
+            return;
+        }
+        break;
     default:
-        zel_log_printf(log, ZEL_LOG_ERROR, "%s: ignoring message with opcode %d\n", __func__,
-                       static_cast<int>(view.opcode));
-        return;
+        break;
     }
+    zel_log_printf(log, ZEL_LOG_ERROR, "%s: ignoring message with opcode %d\n", __func__,
+                   static_cast<int>(view.opcode));
 }
 
 void zel_tftp_client_request__retry_timer_cb(unsigned cause, zel_event_timer* timer) {

@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(g++ cmake make libgtest-dev libgmock-dev zlib1g-dev libsodium-dev minisign signify-openbsd
-          tftpd-hpa tftp-hpa u-boot-tools valgrind)
+          tftpd-hpa tftp-hpa dnsmasq-base u-boot-tools valgrind)
 [ "${BRIVLO_DEPS_EXTRA:-}" ] && read -r -a extra <<<"$BRIVLO_DEPS_EXTRA" && packages+=("${extra[@]}")
 
 missing=()
@@ -17,5 +17,6 @@ SUDO=""
 [ "$(id -u)" -ne 0 ] && SUDO="sudo"
 export DEBIAN_FRONTEND=noninteractive
 $SUDO apt-get update -qq
-# The tftpd-hpa package would start a system daemon; the tests start their own.
+# The tftpd-hpa package would start a system daemon; the tests start their own
+# (dnsmasq-base is dnsmasq without its service).
 $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -72,7 +72,6 @@ FakeTftpServer::FakeTftpServer(FakeTftpScript script) : script_(std::move(script
         closeFd(otherFd_);
         throw std::runtime_error("fake TFTP server: cannot bind loopback sockets: " + why);
     }
-    lastBlock_ = static_cast<uint32_t>(script_.content.size() / ZEL_TFTP_BLOCK_SIZE) + 1;
     thread_ = std::thread([this] { run(); });
 }
 
@@ -152,8 +151,19 @@ bool FakeTftpServer::receive(int fd, uint16_t localPort, TftpReceived* out, sock
         out->kind = TftpReceived::Rrq;
         out->fileName.assign(reinterpret_cast<const char*>(view.payload), view.payload_length);
         out->mode = view.mode;
-    } else if (view.kind == ZEL_TFTP_PACKET_ACK) {
-        out->kind = TftpReceived::Ack;
+        // Options: terminated name/value pairs after the mode.
+        const char* at = view.mode + out->mode.size() + 1;
+        const char* end = reinterpret_cast<const char*>(buf.data()) + buf.size();
+        while (at < end) {
+            const std::string name(at, strnlen(at, static_cast<size_t>(end - at)));
+            at += name.size() + 1;
+            if (at >= end) break;
+            const std::string value(at, strnlen(at, static_cast<size_t>(end - at)));
+            at += value.size() + 1;
+            out->options.emplace_back(name, value);
+        }
+    } else if (view.kind == ZEL_TFTP_PACKET_ACK || view.kind == ZEL_TFTP_PACKET_ERROR) {
+        out->kind = view.kind == ZEL_TFTP_PACKET_ACK ? TftpReceived::Ack : TftpReceived::Error;
         out->block = view.number;
     }
     out->bytes = std::move(buf);
@@ -167,10 +177,10 @@ void FakeTftpServer::onListen() {
     sockaddr_in from{};
     if (!receive(listenFd_, listenPort_, &r, &from) || r.kind != TftpReceived::Rrq) return;
     const bool sameClient = transferFd_ >= 0 && from.sin_addr.s_addr == peer_.sin_addr.s_addr &&
-                            from.sin_port == peer_.sin_port;
+                            from.sin_port == peer_.sin_port && r.bytes == lastRrq_;
     if (sameClient) {
-        // A retransmitted read request: the client has not seen block 1 yet.
-        if (current_ == 1 && script_.resendOnRepeat) transmit(1, false);
+        // A retransmitted read request: the client has seen no answer yet.
+        if (script_.resendOnRepeat && acked_ == 0 && (oackPending_ || sent_ == 1)) transmit(oackPending_ ? 0 : 1, false);
         return;
     }
     closeFd(transferFd_);
@@ -183,32 +193,68 @@ void FakeTftpServer::onListen() {
         finished_ = false;
     }
     peer_ = from;
-    current_ = 1;
-    transmit(1, true);
+    lastRrq_ = r.bytes;
+    const bool negotiated = script_.sendOack && !r.options.empty();
+    blockSize_ = negotiated ? script_.blockSize : ZEL_TFTP_BLOCK_SIZE;
+    window_ = negotiated ? script_.windowSize : 1;
+    lastBlock_ = static_cast<uint32_t>(script_.content.size() / blockSize_) + 1;
+    acked_ = 0;
+    sent_ = 0;
+    oackPending_ = negotiated;
+    if (negotiated) {
+        transmit(0, true);
+    } else {
+        sendWindow(1);
+    }
 }
 
 void FakeTftpServer::onTransfer() {
     TftpReceived r;
     sockaddr_in from{};
     if (!receive(transferFd_, transferPort(), &r, &from) || r.kind != TftpReceived::Ack) return;
-    if (r.block == static_cast<uint16_t>(current_)) {
-        if (current_ == lastBlock_) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            finished_ = true;
-            return;
-        }
-        ++current_;
-        transmit(current_, true);
-    } else if (r.block == static_cast<uint16_t>(current_ - 1) && script_.resendOnRepeat) {
-        transmit(current_, false);
+    // The 16-bit number nearest to what was sent stands for the full index.
+    const uint32_t index = sent_ - static_cast<uint16_t>(static_cast<uint16_t>(sent_) - r.block);
+    if (oackPending_) {
+        if (r.block != 0) return;
+        oackPending_ = false;
+        sendWindow(1);
+        return;
+    }
+    if (index > sent_ || index < acked_) return;
+    if (index == lastBlock_) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        finished_ = true;
+        return;
+    }
+    if (index > acked_ || script_.resendOnRepeat) {
+        acked_ = index;
+        sendWindow(index + 1);
+    }
+}
+
+void FakeTftpServer::sendWindow(uint32_t from) {
+    for (uint32_t block = from; block < from + window_ && block <= lastBlock_; ++block) {
+        const bool first = block > sent_;
+        if (first) sent_ = block;
+        transmit(block, first);
     }
 }
 
 void FakeTftpServer::transmit(uint32_t block, bool first) {
     if (script_.silentFromBlock != 0 && block >= script_.silentFromBlock) return;
-    const size_t offset = static_cast<size_t>(block - 1) * ZEL_TFTP_BLOCK_SIZE;
-    const std::vector<uint8_t> real =
-        tftpData(static_cast<uint16_t>(block), script_.content.substr(offset, ZEL_TFTP_BLOCK_SIZE));
+    std::vector<uint8_t> real;
+    if (block == 0) {
+        std::vector<zel_tftp_option> list;
+        for (const auto& [name, value] : script_.oack) list.push_back({name.c_str(), value.c_str()});
+        real.resize(ZEL_TFTP_PACKET_SIZE);
+        uint32_t length = 0;
+        zel_tftp_packet_encode_oack(real.data(), static_cast<uint32_t>(real.size()), list.data(),
+                                    static_cast<uint32_t>(list.size()), &length);
+        real.resize(length);
+    } else {
+        const size_t offset = static_cast<size_t>(block - 1) * blockSize_;
+        real = tftpData(static_cast<uint16_t>(block), script_.content.substr(offset, blockSize_));
+    }
     const auto scripted = script_.instead.find(block);
     if (!first || scripted == script_.instead.end()) {
         sendFrom(TftpFrom::TransferPort, real);

@@ -52,11 +52,20 @@ TftpDatagram fromOtherHost(std::vector<uint8_t> bytes);
 TftpDatagram realBlock(TftpFrom from = TftpFrom::TransferPort);
 
 struct FakeTftpScript {
-    // The file. Served in 512-byte blocks; a size that is a multiple of 512
-    // (0 included) ends with an empty block.
+    // The file. Served in blocks of 512 bytes (of `blockSize` after an OACK);
+    // a size that is a multiple of the block size (0 included) ends with an
+    // empty block.
     std::string content;
+    // Answer a read request with options by an OACK of these options; the
+    // transfer then runs with `blockSize` and `windowSize`. Without it, or
+    // for a read request without options, the options are ignored (512
+    // bytes, lock step), as an RFC 1350 server does.
+    bool sendOack = false;
+    std::vector<std::pair<std::string, std::string>> oack;
+    uint32_t blockSize = 512;
+    uint32_t windowSize = 1;
     // Datagrams sent instead of the FIRST transmission of block k (key k; 1 is
-    // the answer to the read request). An empty list sends nothing then.
+    // the answer to a plain read request, 0 the OACK). An empty list sends nothing then.
     // Retransmissions (answers to a repeated ACK or read request) send the real
     // block. Block k goes out on the wire as k modulo 65536.
     std::map<uint32_t, std::vector<TftpDatagram>> instead;
@@ -70,14 +79,15 @@ struct FakeTftpScript {
 };
 
 struct TftpReceived {
-    enum Kind { Rrq, Ack, Other };
+    enum Kind { Rrq, Ack, Error, Other };
     Kind kind = Other;
     TftpClock::time_point at;
     uint16_t localPort = 0;  // the server port it arrived on
     uint16_t peerPort = 0;   // the client port it came from
     std::string fileName;    // Rrq
     std::string mode;        // Rrq
-    uint16_t block = 0;      // Ack
+    std::vector<std::pair<std::string, std::string>> options;  // Rrq
+    uint16_t block = 0;      // Ack: the block; Error: the TFTP error code
     std::vector<uint8_t> bytes;
 };
 
@@ -113,6 +123,7 @@ private:
     void onListen();
     void onTransfer();
     void transmit(uint32_t block, bool first);
+    void sendWindow(uint32_t from);
     void sendFrom(TftpFrom from, const std::vector<uint8_t>& bytes);
     bool receive(int fd, uint16_t localPort, TftpReceived* out, sockaddr_in* from);
 
@@ -125,8 +136,13 @@ private:
 
     // Owned by the server thread.
     int transferFd_ = -1;
-    uint32_t current_ = 0;     // block being offered
+    uint32_t acked_ = 0;       // highest block acknowledged (0: the OACK or nothing yet)
+    uint32_t sent_ = 0;        // highest block sent so far (first transmissions)
+    bool oackPending_ = false; // the OACK went out and ACK 0 has not come
+    uint32_t blockSize_ = 512; // of the current transfer
+    uint32_t window_ = 1;
     uint32_t lastBlock_ = 0;   // index of the final (short) block
+    std::vector<uint8_t> lastRrq_;  // bytes of the read request being served
     sockaddr_in peer_{};       // the client of the current transfer
 
     mutable std::mutex mutex_;

@@ -35,12 +35,24 @@ struct Udp {
     }
 };
 
-sockaddr_in loopback(uint16_t port) {
+sockaddr_in loopback(uint16_t port, const std::string& host = "127.0.0.1") {
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::inet_pton(AF_INET, host.c_str(), &a.sin_addr);
     a.sin_port = htons(port);
     return a;
+}
+
+const char* pathOf(TftpdKind kind) {
+    switch (kind) {
+    case TftpdKind::Atftpd:
+        return BRIVLO_ATFTPD;
+    case TftpdKind::Dnsmasq:
+        return Tftpd::kDnsmasqPath;
+    case TftpdKind::InTftpd:
+        break;
+    }
+    return Tftpd::kPath;
 }
 
 // A port that was free a moment ago; the caller copes with losing the race.
@@ -62,9 +74,11 @@ std::string userName() {
 
 }  // namespace
 
-Tftpd::Tftpd() {
-    if (::access(kPath, X_OK) != 0) {
-        throw std::runtime_error(std::string(kPath) + " is missing: install tftpd-hpa (scripts/deps.sh)");
+Tftpd::Tftpd(TftpdKind kind, bool options) : kind_(kind), options_(options) {
+    if (::access(pathOf(kind_), X_OK) != 0) {
+        throw std::runtime_error(std::string(pathOf(kind_)) +
+                                 " is missing: scripts/deps.sh installs tftpd-hpa and dnsmasq-base, "
+                                 "scripts/atftp-fetch.sh unpacks atftpd");
     }
     // The server drops to --user after changing root; everything it serves
     // must be reachable for that user.
@@ -75,12 +89,55 @@ Tftpd::Tftpd() {
     probeContent_ = "ready " + root_.path();
     addFile(probeName_, probeContent_);
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        const uint16_t port = freePort();
+        if (kind_ == TftpdKind::Dnsmasq) {
+            // Port 69 on an address of its own, drawn from the process and the attempt.
+            const unsigned n = static_cast<unsigned>(::getpid()) * 7u + static_cast<unsigned>(attempt) * 131u;
+            host_ = "127." + std::to_string(1 + n % 250) + "." + std::to_string((n / 250) % 250) + "." +
+                    std::to_string(2 + attempt);
+        }
+        const uint16_t port = kind_ == TftpdKind::Dnsmasq ? 69 : freePort();
         if (port != 0 && start(port)) return;
         kill();
     }
-    throw std::runtime_error("in.tftpd did not come up (it must run as root); its output:\n" +
+    throw std::runtime_error(std::string(pathOf(kind_)) + " did not come up (it must run as root); its output:\n" +
                              readFile(logs_.file("tftpd.log")));
+}
+
+std::vector<std::string> Tftpd::command(uint16_t port) const {
+    const std::string user = userName();
+    switch (kind_) {
+    case TftpdKind::Atftpd: {
+        std::vector<std::string> args = {pathOf(kind_), "--daemon", "--no-fork", "--port", std::to_string(port),
+                                         "--bind-address", host_, "--user", user, "--group",
+                                         user == "root" ? "root" : "nogroup", "--logfile", "-", "--no-multicast",
+                                         // Its default of 5 s to resend an unanswered window
+                                         // equals a client's whole abort time: a window whose
+                                         // ACK it drops would then end the transfer.
+                                         "--retry-timeout", "1"};
+        if (!options_) args.insert(args.end(), {"--no-blksize", "--no-windowsize", "--no-tsize", "--no-timeout"});
+        args.push_back(root_.path());
+        return args;
+    }
+    case TftpdKind::Dnsmasq: {
+        std::vector<std::string> args = {pathOf(kind_), "--keep-in-foreground", "--conf-file=/dev/null", "--port=0",
+                                         "--enable-tftp", "--tftp-root=" + root_.path(), "--listen-address=" + host_,
+                                         "--bind-interfaces", "--user=" + user, "--pid-file=", "--log-facility=-"};
+        // dnsmasq has no switch for tsize; it ignores blksize when told to.
+        if (!options_) args.emplace_back("--tftp-no-blocksize");
+        return args;
+    }
+    case TftpdKind::InTftpd:
+        break;
+    }
+    std::vector<std::string> args = {kPath, "--foreground", "--address", host_ + ":" + std::to_string(port),
+                                     "--secure", "--user", user, "-v"};
+    if (!options_) {
+        for (const char* option : {"blksize", "tsize", "timeout", "rollover", "utimeout"}) {
+            args.insert(args.end(), {"--refuse", option});
+        }
+    }
+    args.push_back(root_.path());
+    return args;
 }
 
 Tftpd::~Tftpd() { kill(); }
@@ -92,9 +149,7 @@ void Tftpd::addFile(const std::string& name, const std::string& content) const {
 }
 
 bool Tftpd::start(uint16_t port) {
-    const std::string address = "127.0.0.1:" + std::to_string(port);
-    std::vector<std::string> args = {kPath,      "--foreground", "--address", address,        "--secure",
-                                     "--user",   userName(),     "-v",        root_.path()};
+    std::vector<std::string> args = command(port);
     std::vector<char*> argv;
     for (std::string& a : args) argv.push_back(&a[0]);
     argv.push_back(nullptr);
@@ -139,7 +194,7 @@ bool Tftpd::answersProbe() {
     uint8_t buf[ZEL_TFTP_PACKET_SIZE];
     uint32_t length = 0;
     zel_tftp_packet_encode_rrq(buf, sizeof buf, probeName_.c_str(), &length);
-    const sockaddr_in server = loopback(port_);
+    const sockaddr_in server = loopback(port_, host_);
     ::sendto(s.fd, buf, length, 0, reinterpret_cast<const sockaddr*>(&server), sizeof server);
 
     pollfd p{s.fd, POLLIN, 0};

@@ -1,15 +1,21 @@
-// Debian's real TFTP server (in.tftpd of tftpd-hpa) for end-to-end tests: it
-// serves a private temporary directory on 127.0.0.1 at a free port, runs in
-// its own process group, and is killed with every transfer process it forked
-// when the object goes away.
+// Debian's real TFTP servers for end-to-end tests: in.tftpd of tftpd-hpa (the
+// default), atftpd (unpacked into the build directory by
+// scripts/atftp-fetch.sh, never installed) and dnsmasq. Each serves a private
+// temporary directory on loopback at a free port, runs in its own process
+// group, and is killed with every transfer process it forked when the object
+// goes away. dnsmasq's TFTP port is always 69: it gets a loopback address of
+// its own instead (127.x.y.z), so that parallel tests do not meet.
 //
 //   testutil::Tftpd tftpd;                    // throws when it cannot start
 //   tftpd.addFile("fw.qim", bytes);
-//   ... fetch "fw.qim" from 127.0.0.1:tftpd.port() ...
+//   ... fetch "fw.qim" from tftpd.host():tftpd.port() ...
 //
-// There is no silent skip: a machine without in.tftpd (scripts/deps.sh
-// installs tftpd-hpa) fails the test that needs it. It must run as root,
-// because the server changes its root directory to the served one.
+// With `options` false the server is told to ignore every option (blksize,
+// windowsize, tsize) and answers as RFC 1350 has it.
+//
+// There is no silent skip: a machine without the server (scripts/deps.sh
+// installs tftpd-hpa and dnsmasq-base) fails the test that needs it. It must
+// run as root: in.tftpd changes its root directory, dnsmasq binds port 69.
 #pragma once
 
 #include "common/tempdir.h"
@@ -17,28 +23,35 @@
 #include <cstdint>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 namespace testutil {
+
+enum class TftpdKind { InTftpd, Atftpd, Dnsmasq };
 
 class Tftpd {
 public:
     static constexpr const char* kPath = "/usr/sbin/in.tftpd";
+    static constexpr const char* kDnsmasqPath = "/usr/sbin/dnsmasq";
 
     // Starts the server and waits until it has served a probe file. Throws
     // std::runtime_error (with the server's own output) when it is missing or
     // does not come up.
-    Tftpd();
+    explicit Tftpd(TftpdKind kind = TftpdKind::InTftpd, bool options = true);
     ~Tftpd();
     Tftpd(const Tftpd&) = delete;
     Tftpd& operator=(const Tftpd&) = delete;
 
     uint16_t port() const { return port_; }
+    // The loopback address it listens on, dotted.
+    const std::string& host() const { return host_; }
     // The served directory.
     const std::string& directory() const { return root_.path(); }
     // Writes a file into the served directory, readable by the server.
     void addFile(const std::string& name, const std::string& content) const;
 
 private:
+    std::vector<std::string> command(uint16_t port) const;
     bool start(uint16_t port);
     bool answersProbe();
     void kill();
@@ -47,6 +60,9 @@ private:
     TempDir logs_{"brivlo-tftpd-log"};
     std::string probeName_;
     std::string probeContent_;
+    TftpdKind kind_;
+    bool options_;
+    std::string host_ = "127.0.0.1";
     pid_t pid_ = -1;
     uint16_t port_ = 0;
 };

@@ -68,7 +68,7 @@ protected:
     // file, through a write function that counts its calls.
     zel_error_t start(uint16_t port, const std::string& name = "file.bin", const zel_utime* retry = &kRetry,
                       const zel_utime* abort = &kAbort) {
-        const zel_sockaddr server = address("127.0.0.1", port);
+        const zel_sockaddr server = address(host_.c_str(), port);
         const zel_tftp_write_fn counting = [](const void* data, size_t size, size_t count, FILE* file) {
             ++writes_;
             return std::fwrite(data, size, count, file);
@@ -118,6 +118,7 @@ protected:
     FILE* file_ = nullptr;
     std::vector<LogLine> log_;
     std::vector<uint32_t> callbackStates_;  // state at each client callback
+    std::string host_ = "127.0.0.1";         // where start() sends the read request
     static inline int writes_ = 0;          // calls of the write function
 };
 

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <map>
+#include <thread>
 
 namespace tftptest {
 namespace {
@@ -155,6 +156,152 @@ INSTANTIATE_TEST_SUITE_P(
         ScriptCase{"Probability100DropsEveryReceive", k600, {}, 0, 100, ZEL_TIMEDOUT, "", {}, -1,
                    {ZEL_LOG_DEBUG, "zel_tftp_client_request__recv_message: simulated recv failure\n"}}),
     [](const testing::TestParamInfo<ScriptCase>& info) { return std::string(info.param.name); });
+
+// ---- Options (blksize, windowsize, tsize, rollover) against the scripted server ----
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+const Pairs kAsked = {{"blksize", "1468"}, {"windowsize", "8"}, {"tsize", "0"}};
+
+// A server that answers options with an OACK of `oack` and then serves in
+// blocks of `blockSize`, `windowSize` at a time.
+FakeTftpScript offering(Pairs oack, uint32_t blockSize, uint32_t windowSize, Script instead = {},
+                        uint32_t silentFromBlock = 0) {
+    FakeTftpScript script = serving("", std::move(instead), silentFromBlock);
+    script.sendOack = true;
+    script.oack = std::move(oack);
+    script.blockSize = blockSize;
+    script.windowSize = windowSize;
+    return script;
+}
+
+struct OptionCase {
+    const char* name;
+    size_t size;  // of the served file
+    FakeTftpScript script;
+    uint64_t maxSize;  // the room the client has (0: no limit)
+    zel_error_t error;
+    std::vector<uint16_t> acks;  // every ACK the server got, in order; with `ackCount`, only the last
+    size_t ackCount;             // 0: `acks` is the whole list
+    std::vector<bool> rrqOptions;  // per read request: it carried the options
+    std::vector<uint16_t> errorsSent;
+    LogLine line;  // logged at least once; empty text: not checked
+    std::string fileName = "fw.bin";
+    bool defaultTimers = false;
+};
+void PrintTo(const OptionCase& c, std::ostream* os) { *os << c.name; }
+
+class TftpOptions : public TftpClientTest, public testing::WithParamInterface<OptionCase> {};
+
+TEST_P(TftpOptions, NegotiateAndWindow) {
+    const OptionCase& c = GetParam();
+    FakeTftpScript script = c.script;
+    script.content = testutil::randomBytes(c.size, 9);
+    FakeTftpServer server(script);
+    const zel_tftp_options options = {1468, 8, true, true, c.maxSize};
+    ASSERT_EQ(zel_tftp_client__set_options(client_, &options), ZEL_SUCCESS);
+    const auto t0 = std::chrono::steady_clock::now();
+    if (c.defaultTimers) {
+        ASSERT_EQ(start(server.port(), c.fileName, nullptr, nullptr), ZEL_SUCCESS);
+    } else {
+        ASSERT_EQ(start(server.port(), c.fileName), ZEL_SUCCESS);
+    }
+    zel_log_set_level(env_->log, ZEL_LOG_DEST_CALLBACK, c.size > 100000 ? ZEL_LOG_ERROR : ZEL_LOG_DEBUG);
+    ASSERT_TRUE(runUntilDone(60)) << dumpLog();
+    const double elapsed = secondsSince(t0);
+    EXPECT_EQ(zel_tftp_client_request__error(request_), c.error) << dumpLog();
+    EXPECT_EQ(callbackStates_.empty() ? 0u : callbackStates_.back(), c.error == ZEL_SUCCESS ? kCompleted : kError);
+    const std::string expected = c.error == ZEL_SUCCESS ? script.content : "";
+    EXPECT_TRUE(received() == expected) << "received " << received().size() << " bytes";
+    EXPECT_EQ(zel_tftp_client_request__bytes_transferred(request_), expected.size());
+    EXPECT_TRUE(c.error != ZEL_SUCCESS || server.waitFinished());
+    if (c.defaultTimers) {  // the abort timer counts 5 s from the OACK, the last progress
+        EXPECT_GE(elapsed, 5.0);
+        EXPECT_LT(elapsed, 8.0);
+    }
+
+    const std::vector<uint16_t> acks = server.ackBlocks();
+    if (c.ackCount == 0) {
+        EXPECT_EQ(acks, c.acks);
+    } else {
+        EXPECT_EQ(acks.size(), c.ackCount);
+        EXPECT_EQ(acks.empty() ? -1 : acks.back(), c.acks.back());
+    }
+    const std::vector<testutil::TftpReceived> rrqs = server.readRequests();
+    ASSERT_EQ(rrqs.size(), c.rrqOptions.size());
+    for (size_t i = 0; i < rrqs.size(); ++i) {
+        EXPECT_EQ(rrqs[i].options, c.rrqOptions[i] ? kAsked : Pairs{}) << i;
+        EXPECT_EQ(rrqs[i].bytes.size(), c.fileName.size() + 9 + (c.rrqOptions[i] ? 34 : 0)) << i;
+    }
+    // The refusal may still be on its way to the server thread.
+    std::vector<uint16_t> errors;
+    for (int wait = 0; wait < 100 && errors.size() < c.errorsSent.size(); ++wait) {
+        if (wait > 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        errors.clear();
+        for (const testutil::TftpReceived& r : server.received()) {
+            if (r.kind != testutil::TftpReceived::Error) continue;
+            errors.push_back(r.block);
+            EXPECT_EQ(r.localPort, server.transferPort()) << "refusals go to the transfer port";
+        }
+    }
+    EXPECT_EQ(errors, c.errorsSent);
+    EXPECT_TRUE(c.line.text.empty() || logged(c.line.level, c.line.text) >= 1) << c.line.text << "\n" << dumpLog();
+}
+
+const std::string kOack = "zel_tftp_client_request__handle_oack_message: ";
+constexpr size_t kBig = 1468 * 20 + 100;  // 21 blocks of 1468
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, TftpOptions,
+    testing::Values(
+        // A smaller block and the whole window: ACK 0, then one ACK for the 5 blocks.
+        OptionCase{"SmallerBlksize", 5000, offering({{"blksize", "1024"}, {"windowsize", "8"}, {"tsize", "5000"}}, 1024, 8),
+                   5000, ZEL_SUCCESS, {0, 5}, 0, {true}, {},
+                   {ZEL_LOG_DEBUG, kOack + "options accepted, blksize=1024 windowsize=8\n"}},
+        // No windowsize in the OACK: a window of 1, lock step.
+        OptionCase{"NoWindowsizeIsLockStep", 3000, offering({{"BLKSIZE", "1468"}}, 1468, 1), 0, ZEL_SUCCESS,
+                   {0, 1, 2, 3}, 0, {true}, {}, {ZEL_LOG_DEBUG, kOack + "options accepted, blksize=1468 windowsize=1\n"}},
+        OptionCase{"BlksizeAboveRequestIsRefused", 3000, offering({{"blksize", "1469"}}, 1469, 1), 0, ZEL_INVALIDDATA,
+                   {}, 0, {true}, {ZEL_TFTP_ERROR_OPTION_REFUSED},
+                   {ZEL_LOG_ERROR, kOack + "refusing the server's options: blksize out of range\n"}},
+        OptionCase{"WindowsizeAboveRequestIsRefused", 3000, offering({{"windowsize", "9"}}, 512, 9), 0,
+                   ZEL_INVALIDDATA, {}, 0, {true}, {ZEL_TFTP_ERROR_OPTION_REFUSED},
+                   {ZEL_LOG_ERROR, kOack + "refusing the server's options: windowsize out of range\n"}},
+        OptionCase{"UnaskedOptionIsRefused", 3000, offering({{"timeout", "3"}}, 512, 1), 0, ZEL_INVALIDDATA, {}, 0,
+                   {true}, {ZEL_TFTP_ERROR_OPTION_REFUSED},
+                   {ZEL_LOG_ERROR, kOack + "refusing the server's options: an option that was not asked for\n"}},
+        // DATA 1 instead of an OACK: 512 bytes in lock step, as without options.
+        OptionCase{"DataInsteadOfOackFallsBack", 1100, serving(""), 0, ZEL_SUCCESS, {1, 2, 3}, 0, {true}, {}, {}},
+        // ERROR 8: asked again once, without options, served in lock step.
+        OptionCase{"ErrorEightRetriesWithoutOptions", 600,
+                   offering(kAsked, 1468, 8, {{0, {packet(testutil::tftpError(8, "no options"))}}}), 0, ZEL_SUCCESS,
+                   {1, 2}, 0, {true, false}, {}, {}},
+        // Block 3 lost: block 4 reports the gap once (ACK 2), the rest of the
+        // broken window is dropped, the server restarts at 3.
+        OptionCase{"LostBlockInWindowIsReacknowledged", kBig,
+                   offering({{"blksize", "1468"}, {"windowsize", "8"}}, 1468, 8, {{3, {}}}), 0, ZEL_SUCCESS,
+                   {0, 2, 10, 18, 21}, 0, {true}, {},
+                   {ZEL_LOG_DEBUG, kData + "block 3 is missing, acknowledging 2\n"}},
+        // An old block and one far ahead: neither stored, neither acknowledged.
+        OptionCase{"DuplicateAndOutOfWindowAreIgnored", 1468 * 6 + 10,
+                   offering({{"blksize", "1468"}, {"windowsize", "4"}}, 1468, 4,
+                            {{2, {realBlock(), packet(tftpData(1, "dup")), packet(tftpData(30, "far"))}}}),
+                   0, ZEL_SUCCESS, {0, 4, 7}, 0, {true}, {},
+                   {ZEL_LOG_ERROR, kData + "ignoring data packet with invalid block 30 (current=2)\n"}},
+        // Silent after the OACK: ACK 0 at 0, 2 and 4 s, TIMEDOUT at 5 s.
+        OptionCase{"SilentAfterOackAbortsAfterFiveSeconds", 3000, offering(kAsked, 1468, 8, {}, 1), 0, ZEL_TIMEDOUT,
+                   {0, 0, 0}, 0, {true}, {}, {}, "fw.bin", true},
+        OptionCase{"TsizeAboveTheRoomIsRefused", 3000, offering({{"tsize", "3000"}}, 512, 1), 2999, ZEL_DATATOOLONG,
+                   {}, 0, {true}, {ZEL_TFTP_ERROR_DISK_FULL},
+                   {ZEL_LOG_ERROR, kOack + "the file of 3000 bytes does not fit into 2999 bytes\n"}},
+        // 65537 blocks of 8 bytes: block 0 follows 65535, and the file completes.
+        OptionCase{"BlockNumbersRollOver", 65536 * 8 + 3, offering({{"blksize", "8"}, {"windowsize", "8"}}, 8, 8), 0,
+                   ZEL_SUCCESS, {1}, 8194, {true}, {}, {}},
+        // 470 bytes of name and 43 of request and options exceed 512: no options.
+        OptionCase{"LongNameIsAskedWithoutOptions", 600, offering(kAsked, 1468, 8), 0, ZEL_SUCCESS, {1, 2}, 0,
+                   {false}, {}, {}, std::string(470, 'n')},
+        OptionCase{"LongestNameWithOptions", 600, offering({{"blksize", "1468"}}, 1468, 1), 0, ZEL_SUCCESS, {0, 1},
+                   0, {true}, {}, {}, std::string(469, 'n')}),
+    [](const testing::TestParamInfo<OptionCase>& info) { return std::string(info.param.name); });
 
 TEST_F(TftpClientTest, SilentServerWithDefaultTimeouts) {
     // Read request at 0, 2 and 4 s, TIMEDOUT at 5 s. Lower bounds are exact
