@@ -1,5 +1,7 @@
 #include "app/mtd_device.h"
 
+#include "support/system.h"
+
 #include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
@@ -104,18 +106,11 @@ int seek(int fd, uint64_t offset) {
 }
 
 int readAt(int fd, uint64_t offset, uint8_t* data, uint32_t count) {
-    uint32_t done = 0;
-    while (done < count) {
-        const ssize_t got = ::pread(fd, data + done, count - done, static_cast<off_t>(offset + done));
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got <= 0) {
-            return got < 0 ? failureErrno() : EIO;
-        }
-        done += static_cast<uint32_t>(got);
+    std::size_t done = 0;
+    if (zel_read_at(fd, offset, data, count, &done) != ZEL_SUCCESS) {
+        return failureErrno();
     }
-    return 0;
+    return done == count ? 0 : EIO;
 }
 
 int isBadBlock(int fd, uint64_t offset, int* bad) {
