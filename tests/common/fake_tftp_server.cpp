@@ -183,6 +183,7 @@ void FakeTftpServer::onListen() {
         if (script_.resendOnRepeat && acked_ == 0 && (oackPending_ || sent_ == 1)) transmit(oackPending_ ? 0 : 1, false);
         return;
     }
+    if (script_.answeredRequests != 0 && ++newRequests_ > script_.answeredRequests) return;
     closeFd(transferFd_);
     uint16_t port = 0;
     transferFd_ = openBound("127.0.0.1", &port);
