@@ -11,6 +11,7 @@
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <utility>
 
 #include "app/exit_status.h"
@@ -29,6 +30,22 @@ namespace {
 constexpr const char* kDefaultTftpService = "69";
 // One dot per 150 progress reports: 150 blocks of 512 bytes.
 constexpr uint32_t kTicksPerDot = 150;
+// With -F blocks are larger, and a dot still stands for 150 x 512 bytes.
+constexpr uint64_t kBytesPerDot = 150 * 512;
+
+// -F: a block that fills a 1500-byte Ethernet frame (RFC 2348), windows of 8
+// (RFC 7440), the size announced before the first byte (RFC 2349).
+constexpr uint16_t kOptionBlockSize = 1468;
+constexpr uint16_t kOptionWindowSize = 8;
+
+// Free bytes of the file system that holds `file`; 0 when unknown.
+uint64_t freeSpaceOf(std::FILE* file) {
+    struct statvfs vfs;
+    if (::fstatvfs(fileno(file), &vfs) != 0) {
+        return 0;
+    }
+    return static_cast<uint64_t>(vfs.f_bavail) * static_cast<uint64_t>(vfs.f_frsize);
+}
 
 // Whether everything received is stored in the download file: a full /tmp
 // (or any failed write, flush or close) shows only here. Closes the file;
@@ -103,6 +120,17 @@ FlashUpgrader::TransferEnd FlashUpgrader::runTransfer(const TransferRequest& req
         }
         transfer.file = file.get();
     }
+
+    zel_tftp_options options{};
+    if (tftpOptions) {
+        // The smallest room that a file must fit: what the destination holds.
+        uint64_t room = request.memory != nullptr ? request.limit : freeSpaceOf(file.get());
+        if (request.memory == nullptr && tftpTargetRoom != 0 && (room == 0 || tftpTargetRoom < room)) {
+            room = tftpTargetRoom;
+        }
+        options = {kOptionBlockSize, kOptionWindowSize, true, true, room};
+    }
+    zel_tftp_client__set_options(tftpClient, &options);
 
     // The client hands every block to fwrite on the stream it is given; this
     // one, unbuffered, passes each block on to `transfer`.
@@ -265,6 +293,17 @@ void FlashUpgrader::tftpRequestCallback(zel_tftp_client_request* request) {
         break;
     }
     default:
+        if (owner->tftpOptions) {
+            // Blocks of any size: a dot per 76800 bytes received, as 150
+            // blocks of 512 give without -F.
+            const uint64_t bytes = zel_tftp_client_request__bytes_transferred(request);
+            const uint64_t dots = bytes / kBytesPerDot - transfer.progressBytes / kBytesPerDot;
+            if (dots > 0) {
+                std::cout << std::string(static_cast<std::size_t>(dots), '.') << std::flush;
+            }
+            transfer.progressBytes = bytes;
+            break;
+        }
         // A progress report: one per block that brought data.
         ++transfer.progressTicks;
         if (transfer.progressTicks % kTicksPerDot == 0) {

@@ -135,6 +135,15 @@ public:
     // -D: blocks that already hold what a write would leave in them are
     // neither erased nor written.
     void setSkipUnchanged(bool skip) { skipUnchanged = skip; }
+    // -F: the TFTP requests ask for blksize 1468, windowsize 8 and tsize, and
+    // accept block numbers that roll over. A firmware file the server
+    // announces larger than /tmp's free space, or than `targetRoom` bytes
+    // when that is not 0 (the partition a raw image goes to), is refused
+    // before any byte is stored.
+    void setTftpOptions(bool on, uint64_t targetRoom) {
+        tftpOptions = on;
+        tftpTargetRoom = targetRoom;
+    }
     int verifyRelease(const uint8_t* data, std::size_t size);
     // Over the whole file open on `fd`, read with pread from offset 0.
     int verifyRelease(int fd);
@@ -168,6 +177,7 @@ private:
     // through the stream the client writes into.
     struct Transfer {
         uint32_t progressTicks = 0;     // progress reports of this run; never reset
+        uint64_t progressBytes = 0;     // with -F: bytes received at the last report
         zel_error_t result = ZEL_SUCCESS;  // or the failed request's code
         uint64_t bytesReceived = 0;     // of the request that completed
         std::FILE* file = nullptr;      // destination: the download file, or
@@ -227,4 +237,6 @@ private:
     const release_signature::Release* releaseSignature = nullptr;
     bool skipUnchanged = false;
     uint32_t skippedBlocks = 0;  // by -D, over the image being written
+    bool tftpOptions = false;     // -F
+    uint64_t tftpTargetRoom = 0;  // bytes the raw target holds; 0: not known
 };

@@ -12,6 +12,7 @@
 #include "app/exit_status.h"
 #include "app/flash_upgrader.h"
 #include "app/image_buffer.h"
+#include "app/mtd_device.h"
 #include "app/release_signature.h"
 #include "app/status_file.h"
 #include "app/stop_signal.h"
@@ -73,6 +74,27 @@ int flashRawImage(FlashUpgrader& upgrader, const std::string& path, const std::s
         std::cerr << "Error writing to flash" << std::endl;
     }
     return 0;
+}
+
+// Bytes the raw target of `partition` holds, as MEMGETINFO gives them: the
+// combined image "image" fills kernel and rootfs. 0 when a device cannot be
+// opened or asked: the flash step reports that in its place.
+uint64_t rawTargetRoom(const std::string& partition) {
+    const bool split = partition == "image";
+    uint64_t room = 0;
+    for (const char* name : {"kernel", "rootfs"}) {
+        const std::string device = "/dev/flash/" + (split ? std::string(name) : partition);
+        UniqueFd fd = mtd::openDevice(device);
+        mtd_info_user info{};
+        if (!fd.valid() || mtd::getInfo(fd.get(), &info) != ZEL_SUCCESS) {
+            return 0;
+        }
+        room += info.size;
+        if (!split) {
+            break;
+        }
+    }
+    return room;
 }
 
 void removeStatusFile() {
@@ -167,6 +189,9 @@ int runUpgrade(zel_env* env, const std::string& program, const command_line::Inv
     }
 
     std::string path = run.fileName;
+    if (run.source.download && run.tftpOptions) {
+        upgrader->setTftpOptions(true, package ? 0 : rawTargetRoom(run.partitionName));
+    }
     if (run.source.download) {
         const int rc = upgrader->downloadFile(run.source.host, run.source.port, run.fileName);
         // A download cut short by a signal is no download failure.

@@ -25,6 +25,9 @@ struct Config {
 void crcBenchmarks(const Config& config, Table& table);
 // A 32 MB TFTP download from a local in.tftpd: brivlo, tftp-hpa's tftp, curl.
 void tftpBenchmarks(const Config& config, Table& table);
+// brivlo -F from in.tftpd, atftpd and dnsmasq, on loopback and through a
+// relay of 0.5 ms each way, against curl, atftp and brivlo without -F.
+void tftpOptionBenchmarks(const Config& config, Table& table);
 // brivlo -S against /bin/true.
 void statusQueryBenchmarks(const Config& config, Table& table);
 // A 32 MiB raw upgrade through flashsim against dd into the same backing

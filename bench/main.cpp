@@ -2,7 +2,7 @@
 // run, in one table (bench/run builds and runs this).
 //
 //   brivlo_bench [--runs N] [--tftp-runs N] [--spawn-runs N] [--memory-runs N]
-//                [--only crc,tftp,status,flash,package,signature]
+//                [--only crc,tftp,tftp-options,status,flash,package,signature]
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -30,6 +30,7 @@ const Benchmark kBenchmarks[] = {{"crc", bench::crcBenchmarks}, {"signature", be
 #else
 const Benchmark kBenchmarks[] = {
     {"crc", bench::crcBenchmarks},         {"tftp", bench::tftpBenchmarks},
+    {"tftp-options", bench::tftpOptionBenchmarks},
     {"status", bench::statusQueryBenchmarks}, {"flash", bench::flashPathBenchmarks},
     {"package", bench::packageMemoryBenchmarks}, {"signature", bench::signatureBenchmarks},
 };
@@ -38,7 +39,7 @@ const Benchmark kBenchmarks[] = {
 int usage() {
     std::fprintf(stderr,
                  "usage: brivlo_bench [--runs N] [--tftp-runs N] [--spawn-runs N] [--memory-runs N] "
-                 "[--only crc,tftp,status,flash,package,signature]\n");
+                 "[--only crc,tftp,tftp-options,status,flash,package,signature]\n");
     return 2;
 }
 

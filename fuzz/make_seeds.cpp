@@ -202,6 +202,17 @@ void tftpSeeds() {
     writeSeed("tftp", "raw", script(0, {rawData}));
     writeSeed("tftp", "short-block", script(0, {next512, short100}));
     writeSeed("tftp", "oversized", script(0, {oversized, nextEmpty}));
+    // Options byte bit 3: the rest is the option bytes of an OACK.
+    const char oackText[] = "blksize\0" "1468\0windowsize\0" "8\0tsize\0" "67108865";
+    const std::string oack(oackText, sizeof oackText);  // the array's own terminator ends the last value
+    Bytes oackSeed{8};
+    oackSeed.insert(oackSeed.end(), oack.begin(), oack.end());
+    writeSeed("tftp", "oack", oackSeed);
+    const char refusedText[] = "BLKSIZE\0" "2000\0timeout\0" "3";
+    const std::string refused(refusedText, sizeof refusedText);
+    Bytes refusedSeed{8};
+    refusedSeed.insert(refusedSeed.end(), refused.begin(), refused.end());
+    writeSeed("tftp", "oack-refused", refusedSeed);
 }
 
 void statusSeeds() {

@@ -14,6 +14,11 @@
 // losses, which turns the model off), then per datagram a control byte (bits
 // 0-1 source, bits 2-3 what to send, bits 4-5 the data length class, bit 6
 // a variant) and its bytes, all read from the front.
+//
+// With bit 3 of the options byte set, the rest of the input is instead the
+// option bytes of an OACK: parsed, checked against a request for blksize
+// 1468, windowsize 8 and tsize, and what was read written back out and read
+// again to the same values.
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
@@ -31,6 +36,7 @@
 #include "net/socket.h"
 #include "net/tftp_client.h"
 #include "net/tftp_packet.h"
+#include "net/tftp_state.h"
 
 namespace {
 
@@ -220,9 +226,59 @@ std::vector<uint8_t> makeDatagram(Input& in, uint8_t control, uint16_t block) {
     return d;
 }
 
+// The OACK parser and the negotiation over any option bytes.
+void checkOack(const uint8_t* data, std::size_t size) {
+    const zel_tftp_oack untouched = {0xFFFFFFFFu, 1, 2, 3};
+    zel_tftp_oack oack = untouched;
+    const zel_error_t parsed = zel_tftp_oack_parse(data, static_cast<uint32_t>(size), &oack);
+    require(parsed == ZEL_SUCCESS || parsed == ZEL_INVALIDDATA);
+    if (parsed != ZEL_SUCCESS) {
+        require(std::memcmp(&oack, &untouched, sizeof oack) == 0);  // out-parameters stay as they were
+        return;
+    }
+    require((oack.present & ~(ZEL_TFTP_OACK_BLKSIZE | ZEL_TFTP_OACK_WINDOWSIZE | ZEL_TFTP_OACK_TSIZE |
+                              ZEL_TFTP_OACK_UNKNOWN)) == 0);
+    for (uint64_t value : {oack.blksize, oack.windowsize, oack.tsize}) require(value < 10000000000000000000ull);
+
+    const zel_tftp_options asked = {1468, 8, true, true, 0};
+    zel_tftp_transfer transfer = {0, 0};
+    const char* why = nullptr;
+    if (zel_tftp_negotiate(&asked, &oack, &transfer, &why) == ZEL_SUCCESS) {
+        require((oack.present & ZEL_TFTP_OACK_UNKNOWN) == 0);
+        require(transfer.block_size >= 8 && transfer.block_size <= 1468);
+        require(transfer.window_size >= 1 && transfer.window_size <= 8);
+    } else {
+        require(why != nullptr && transfer.block_size == 0 && transfer.window_size == 0);
+    }
+
+    // What was read, written as an OACK and read again, gives the same values.
+    const std::string values[3] = {std::to_string(oack.blksize), std::to_string(oack.windowsize),
+                                   std::to_string(oack.tsize)};
+    zel_tftp_option list[3];
+    uint32_t count = 0;
+    if (oack.present & ZEL_TFTP_OACK_BLKSIZE) list[count++] = {"blksize", values[0].c_str()};
+    if (oack.present & ZEL_TFTP_OACK_WINDOWSIZE) list[count++] = {"WindowSize", values[1].c_str()};
+    if (oack.present & ZEL_TFTP_OACK_TSIZE) list[count++] = {"TSIZE", values[2].c_str()};
+    uint8_t packet[ZEL_TFTP_PACKET_SIZE];
+    uint32_t length = 0;
+    require(zel_tftp_packet_encode_oack(packet, sizeof packet, list, count, &length) == ZEL_SUCCESS);
+    const zel_tftp_packet_view view = zel_tftp_packet_decode(packet, length);
+    require(view.kind == ZEL_TFTP_PACKET_OACK);
+    zel_tftp_oack again{};
+    require(zel_tftp_oack_parse(view.payload, view.payload_length, &again) == ZEL_SUCCESS);
+    require(again.present == (oack.present & ~ZEL_TFTP_OACK_UNKNOWN));
+    require(!(again.present & ZEL_TFTP_OACK_BLKSIZE) || again.blksize == oack.blksize);
+    require(!(again.present & ZEL_TFTP_OACK_WINDOWSIZE) || again.windowsize == oack.windowsize);
+    require(!(again.present & ZEL_TFTP_OACK_TSIZE) || again.tsize == oack.tsize);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+    if (size > 0 && (data[0] & 8u) != 0) {
+        checkOack(data + 1, size - 1);
+        return 0;
+    }
     static Harness h;
     Harness::current = &h;
     Input in(data, size);

@@ -35,6 +35,41 @@ TEST(Download, FileFromTftpdIsWrittenIntoTheRawPartition) {
     EXPECT_FALSE(board.statusExists());
 }
 
+// -F changes nothing the user reads: the same dots (one per 76800 bytes) and
+// lines as without it. A file the server announces larger than the
+// partition is refused before a byte is stored: status 2, nothing erased.
+TEST(Download, WithOptionsTheSameLinesAndTooLargeIsRefusedUpFront) {
+    testutil::Tftpd tftpd;
+    const std::string firmware = e2e::randomBytes(1000000, 22);
+    tftpd.addFile("fw.bin", firmware);
+    Board board;
+    testutil::ProcessResult r = board.brivlo({tftpUrl(tftpd.port()), "fw.bin", "fpga", "-F"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.out, "Starting file download\n" + dots(13) + " 1000000 bytes transferred\n" +
+                         "Erasing Flash (wait 4s)\n" + dots(17) + "\n" +
+                         "Writing file to flash partition 'fpga'\n" + dots(15) + "\n" +
+                         "\nFlash write complete.\n\nBrivlo done\n");
+    EXPECT_EQ(board.partition("fpga").substr(0, firmware.size()), firmware);
+
+    Board fresh;
+    const std::string room = std::to_string(fresh.partition("fpga").size());
+    testutil::FakeTftpScript script;
+    script.content = "never sent";
+    script.sendOack = true;
+    script.oack = {{"blksize", "1468"}, {"tsize", std::to_string(fresh.partition("fpga").size() + 1)}};
+    testutil::FakeTftpServer server(script);
+    r = fresh.brivlo({tftpUrl(server.port()), "fw.bin", "fpga", "-F"}, 30);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.out, "Starting file download\n");
+    EXPECT_NE(r.err.find("does not fit into " + room + " bytes\n"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("Request Error: data too long: (0x0035=DATATOOLONG)\nTFTP download error\n"),
+              std::string::npos) << r.err;
+    EXPECT_TRUE(fresh.logLines("erase fpga ").empty() && fresh.logLines("write fpga ").empty());
+    EXPECT_EQ(testutil::readFile(fresh.downloadPath()), "") << "nothing stored";
+    EXPECT_FALSE(fresh.statusExists());
+}
+
 // Failed downloads end with 2, remove the status file and flash nothing.
 TEST(Download, MissingFileAndSilentServerEndWithStatusTwo) {
     testutil::Tftpd tftpd;
