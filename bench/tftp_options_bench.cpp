@@ -34,6 +34,7 @@ constexpr std::size_t k64MiB = 64u << 20;
 constexpr std::size_t kLockStepSample = 4u << 20;  // 512-byte lock step through the relay: 0.5 MB/s
 constexpr unsigned kRelayDelay = 500;                // microseconds each way
 constexpr int kDownloadFailed = 2;
+constexpr const char* kRelay = "127.0.0.1";  // where the relay listens for the clients
 
 struct Measured {
     double wall = 0;  // median seconds
@@ -56,23 +57,25 @@ public:
         atftp_ = std::string(BRIVLO_ATFTP_ROOT) + "/usr/bin/atftp";
     }
 
-    Measured brivlo(uint16_t port, const std::string& name, bool options, const std::vector<uint8_t>& content,
-                    int runs) {
+    Measured brivlo(const std::string& host, uint16_t port, const std::string& name, bool options,
+                    const std::vector<uint8_t>& content, int runs) {
         std::vector<std::string> argv = {config_.flashsim, "run", board_, "--", config_.brivlo,
-                                         "tftp://127.0.0.1:" + std::to_string(port), name, "qim"};
+                                         "tftp://" + host + ":" + std::to_string(port), name, "qim"};
         if (options) argv.push_back("-F");
         return measure(argv, board_ + "/tmp/flashit", content, runs, true);
     }
-    Measured curl(uint16_t port, const std::string& name, const std::vector<uint8_t>& content, int runs) {
+    Measured curl(const std::string& host, uint16_t port, const std::string& name,
+                  const std::vector<uint8_t>& content, int runs) {
         const std::string out = dir_.file("curl.out");
         return measure({"curl", "-s", "--tftp-blksize", "1468", "-o", out,
-                        "tftp://127.0.0.1:" + std::to_string(port) + "/" + name},
+                        "tftp://" + host + ":" + std::to_string(port) + "/" + name},
                        out, content, runs, false);
     }
-    Measured atftp(uint16_t port, const std::string& name, const std::vector<uint8_t>& content, int runs) {
+    Measured atftp(const std::string& host, uint16_t port, const std::string& name,
+                   const std::vector<uint8_t>& content, int runs) {
         const std::string out = dir_.file("atftp.out");
         return measure({atftp_, "--option", "blksize 1468", "--option", "windowsize 8", "-g", "-r", name, "-l", out,
-                        "127.0.0.1", std::to_string(port)},
+                        host, std::to_string(port)},
                        out, content, runs, false);
     }
 
@@ -139,23 +142,24 @@ void tftpOptionBenchmarks(const Config& config, Table& table) {
         const Tftpd* server;
     } servers[] = {{"in.tftpd", &inTftpd}, {"atftpd", &atftpd}, {"dnsmasq", &dnsmasq}};
     for (const auto& s : servers) {
-        const Measured m = runner.brivlo(s.server->port(), "large.qim", true, large, 1);
+        const Measured m = runner.brivlo(s.server->host(), s.server->port(), "large.qim", true, large, 1);
         table.add({"TFTP 64 MiB with -F from " + std::string(s.name) + ", loopback", "brivlo -F", m.text(),
                    "the served file", "byte-exact", std::nan(""), "byte-exact", Verdict::kMet});
     }
 
     // 33553919 bytes on loopback from in.tftpd.
     const std::string loop = "TFTP 33553919 bytes from in.tftpd, loopback";
-    const Measured withF = runner.brivlo(inTftpd.port(), "fw.qim", true, full, runs);
-    const Measured curl = runner.curl(inTftpd.port(), "fw.qim", full, runs);
-    const Measured plain = runner.brivlo(inTftpd.port(), "fw.qim", false, full, runs);
+    const std::string& in = inTftpd.host();
+    const Measured withF = runner.brivlo(in, inTftpd.port(), "fw.qim", true, full, runs);
+    const Measured curl = runner.curl(in, inTftpd.port(), "fw.qim", full, runs);
+    const Measured plain = runner.brivlo(in, inTftpd.port(), "fw.qim", false, full, runs);
     compare(table, loop, "brivlo -F", withF, "curl --tftp-blksize 1468", curl, 1.0);
     compare(table, loop, "brivlo -F", withF, "brivlo without -F", plain, 0.5);
 
     // Through the relay: 0.5 ms each way.
     double worstLate = 0, medianLate = 0;
     auto viaRelay = [&](const Tftpd& server, const std::function<Measured(uint16_t)>& client) {
-        UdpRelay relay(server.port(), kRelayDelay);
+        UdpRelay relay(server.host(), server.port(), kRelayDelay);
         const Measured m = client(relay.port());
         relay.stop();
         worstLate = std::max(worstLate, relay.lateness());
@@ -163,17 +167,17 @@ void tftpOptionBenchmarks(const Config& config, Table& table) {
         return m;
     };
     const std::string fromAtftpd = "TFTP through a relay of 0.5 ms each way, from atftpd";
-    const Measured relayF = viaRelay(atftpd, [&](uint16_t p) { return runner.brivlo(p, "fw.qim", true, full, relayRuns); });
-    const Measured relayAtftp = viaRelay(atftpd, [&](uint16_t p) { return runner.atftp(p, "fw.qim", full, relayRuns); });
+    const Measured relayF = viaRelay(atftpd, [&](uint16_t p) { return runner.brivlo(kRelay, p, "fw.qim", true, full, relayRuns); });
+    const Measured relayAtftp = viaRelay(atftpd, [&](uint16_t p) { return runner.atftp(kRelay, p, "fw.qim", full, relayRuns); });
     // 512-byte lock step: a 4 MiB sample, compared as a rate.
     const Measured relayPlain =
-        viaRelay(atftpd, [&](uint16_t p) { return runner.brivlo(p, "sample.qim", false, sample, 1); });
+        viaRelay(atftpd, [&](uint16_t p) { return runner.brivlo(kRelay, p, "sample.qim", false, sample, 1); });
     compare(table, fromAtftpd, "brivlo -F", relayF, "atftp, blksize 1468, windowsize 8", relayAtftp, 1.0);
     compare(table, fromAtftpd, "brivlo -F", relayF, "brivlo without -F (4 MiB, per MiB)", relayPlain, 0.125);
     const std::string fromInTftpd = "TFTP through a relay of 0.5 ms each way, from in.tftpd (no windows)";
     const Measured relayInF =
-        viaRelay(inTftpd, [&](uint16_t p) { return runner.brivlo(p, "fw.qim", true, full, relayRuns); });
-    const Measured relayCurl = viaRelay(inTftpd, [&](uint16_t p) { return runner.curl(p, "fw.qim", full, relayRuns); });
+        viaRelay(inTftpd, [&](uint16_t p) { return runner.brivlo(kRelay, p, "fw.qim", true, full, relayRuns); });
+    const Measured relayCurl = viaRelay(inTftpd, [&](uint16_t p) { return runner.curl(kRelay, p, "fw.qim", full, relayRuns); });
     compare(table, fromInTftpd, "brivlo -F", relayInF, "curl --tftp-blksize 1468", relayCurl, 1.0);
 
     table.note("TFTP -F: in.tftpd, atftpd (--retry-timeout 1) and dnsmasq on loopback; " + std::to_string(runs) +

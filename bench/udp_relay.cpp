@@ -21,10 +21,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-sockaddr_in loopback(uint16_t port) {
+sockaddr_in loopback(uint16_t port, const char* host = "127.0.0.1") {
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::inet_pton(AF_INET, host, &a.sin_addr);
     a.sin_port = htons(port);
     return a;
 }
@@ -56,8 +56,8 @@ struct Pending {
 
 }  // namespace
 
-UdpRelay::UdpRelay(uint16_t serverPort, unsigned delayMicroseconds)
-    : serverPort_(serverPort), delay_(delayMicroseconds) {
+UdpRelay::UdpRelay(const std::string& serverHost, uint16_t serverPort, unsigned delayMicroseconds)
+    : serverHost_(serverHost), serverPort_(serverPort), delay_(delayMicroseconds) {
     listenFd_ = openUdp(&port_);
     serverFd_ = openUdp(nullptr);
     if (listenFd_ < 0 || serverFd_ < 0) {
@@ -112,7 +112,7 @@ void UdpRelay::run() {
                 if (p.fd == listenFd_) {  // a read request: to the server's own port
                     client = from;
                     d.fd = serverFd_;
-                    d.to = loopback(serverPort_);
+                    d.to = loopback(serverPort_, serverHost_.c_str());
                 } else if (p.fd == serverFd_) {  // from a server transfer port: to the client
                     const uint16_t port = ntohs(from.sin_port);
                     auto it = facing.find(port);
@@ -126,7 +126,7 @@ void UdpRelay::run() {
                     d.to = client;
                 } else {  // from the client to a transfer port
                     d.fd = serverFd_;
-                    d.to = loopback(serverPortOf[p.fd]);
+                    d.to = loopback(serverPortOf[p.fd], serverHost_.c_str());
                 }
                 queue.push_back(std::move(d));
             }

@@ -5,13 +5,14 @@
 // port the server answers from gets a client-facing port of its own, so the
 // client sees one peer per server transfer port, as without the relay.
 //
-//   bench::UdpRelay relay(serverPort, 500);   // 0.5 ms each way
+//   bench::UdpRelay relay("127.0.0.1", serverPort, 500);   // 0.5 ms each way
 //   ... client reads from 127.0.0.1:relay.port() ...
 //   relay.lateness()                           // worst scheduling error, µs
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 #include <thread>
 
 namespace bench {
@@ -19,7 +20,7 @@ namespace bench {
 class UdpRelay {
 public:
     // Throws std::runtime_error when its sockets cannot be set up.
-    UdpRelay(uint16_t serverPort, unsigned delayMicroseconds);
+    UdpRelay(const std::string& serverHost, uint16_t serverPort, unsigned delayMicroseconds);
     ~UdpRelay();
     UdpRelay(const UdpRelay&) = delete;
     UdpRelay& operator=(const UdpRelay&) = delete;
@@ -37,6 +38,7 @@ public:
 private:
     void run();
 
+    std::string serverHost_;
     uint16_t serverPort_;
     unsigned delay_;
     int listenFd_ = -1;  // client-facing: the read request arrives here

@@ -56,9 +56,9 @@ const char* pathOf(TftpdKind kind) {
 }
 
 // A port that was free a moment ago; the caller copes with losing the race.
-uint16_t freePort() {
+uint16_t freePort(const std::string& host) {
     Udp s;
-    sockaddr_in a = loopback(0);
+    sockaddr_in a = loopback(0, host);
     socklen_t len = sizeof a;
     if (s.fd < 0 || ::bind(s.fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
         ::getsockname(s.fd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
@@ -89,13 +89,18 @@ Tftpd::Tftpd(TftpdKind kind, bool options) : kind_(kind), options_(options) {
     probeContent_ = "ready " + root_.path();
     addFile(probeName_, probeContent_);
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (kind_ == TftpdKind::Dnsmasq) {
-            // Port 69 on an address of its own, drawn from the process and the attempt.
-            const unsigned n = static_cast<unsigned>(::getpid()) * 7u + static_cast<unsigned>(attempt) * 131u;
+        if (kind_ != TftpdKind::InTftpd) {
+            // An address of its own, drawn from the process and the attempt:
+            // dnsmasq always listens on port 69, and atftpd's sockets allow
+            // another server on the same port and address, which would take
+            // its datagrams (in.tftpd stays on 127.0.0.1, where the
+            // end-to-end tests look for it).
+            const unsigned n = static_cast<unsigned>(::getpid()) * 7u + static_cast<unsigned>(attempt) * 131u +
+                               (kind_ == TftpdKind::Atftpd ? 61u : 0u);
             host_ = "127." + std::to_string(1 + n % 250) + "." + std::to_string((n / 250) % 250) + "." +
                     std::to_string(2 + attempt);
         }
-        const uint16_t port = kind_ == TftpdKind::Dnsmasq ? 69 : freePort();
+        const uint16_t port = kind_ == TftpdKind::Dnsmasq ? 69 : freePort(host_);
         if (port != 0 && start(port)) return;
         kill();
     }
