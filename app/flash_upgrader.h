@@ -8,7 +8,7 @@
 //   partitions.cpp       partition name tables and their four lookups
 //   flash_writer.cpp     writeImageToFlash, writeToFlash
 //   kernel_rootfs.cpp    eraseAndWriteKernelRootFs
-//   download.cpp         downloadFile, tftpRequestCallback
+//   download.cpp         downloadFile, downloadSignature, tftpRequestCallback
 //   package_flasher.cpp  flashQimFile, loadAndCheckQimFile, writeQimToFlash
 //   compatibility.cpp    parseCapabilityForIds, extractLinuxVerFromQim,
 //                        getEthernetPhyId, validateFirmwareSupport
@@ -24,6 +24,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <sys/types.h>
 #include <string>
 
 #include "qim/qim_id.h"
@@ -33,8 +35,8 @@ struct zel_env;
 struct zel_tftp_client;
 struct zel_tftp_client_request;
 struct qim_package;
-// The geometry MEMGETINFO fills (<mtd/mtd-user.h>, included by the writers).
-struct mtd_info_user;
+// One image on its way into one partition (app/flash_target.h).
+struct FlashTarget;
 namespace release_signature {
 struct Release;
 }
@@ -86,9 +88,9 @@ public:
     // or write failed; 28 lock failed; or the split writer's code.
     int writeImageToFlash(std::string name, uint32_t size, int isProtected, const uint8_t* image);
     // Write phase shared by the writers: erasesize-sized chunks, then the
-    // remainder, advancing `*count` by every byte written. 0 or 4. The
-    // descriptor stays open.
-    int writeToFlash(int fd, const uint8_t* data, uint32_t size, const mtd_info_user& info, int* count);
+    // remainder, each into the block the target's walk gives it, advancing
+    // `*count` by every byte of the image. 0 or 4. The descriptor stays open.
+    int writeToFlash(FlashTarget& target, const uint8_t* data, uint32_t size, int* count);
     // The combined Linux image split at its U-Boot header into
     // /dev/flash/kernel and /dev/flash/rootfs. 0, 18 (a device cannot be
     // opened) or 4.
@@ -109,14 +111,15 @@ public:
     int validateFirmwareSupport(qim_package* package);
 
     // Fetches `remoteName` from host:port ("69" when empty) into /tmp/flashit.
-    // 0 on success, else a code; ends the process with exit status 255 when
-    // the server address cannot be resolved.
+    // 0 on success, ZEL_INTERRUPTED when a stop signal arrived, else a code;
+    // ends the process with exit status 255 when the server address cannot
+    // be resolved.
     int downloadFile(const std::string& host, const std::string& port, const std::string& remoteName);
     // Fetches the detached signature "<remoteName>.minisig" of the firmware
     // file `remoteName` from host:port into `text`
     // (at most QIM_SIGNATURE_TEXT_MAX bytes), after the firmware download,
-    // without a file. 0; exit_status::kSignatureRefused after
-    // printing why there is no signature.
+    // without a file. 0; ZEL_INTERRUPTED when a stop signal arrived;
+    // exit_status::kSignatureRefused after printing why there is no signature.
     int downloadSignature(const std::string& host, const std::string& port, const std::string& remoteName,
                           std::string* text);
     // The TFTP client's callback; finds its FlashUpgrader through the client's
@@ -128,23 +131,91 @@ public:
     // be flashed: 0, or exit_status::kSignatureRefused after the
     // refusal line. Without one both return 0 at once.
     void setRelease(const release_signature::Release* release);
+
+    // -D: blocks that already hold what a write would leave in them are
+    // neither erased nor written.
+    void setSkipUnchanged(bool skip) { skipUnchanged = skip; }
     int verifyRelease(const uint8_t* data, std::size_t size);
     // Over the whole file open on `fd`, read with pread from offset 0.
     int verifyRelease(int fd);
 
 private:
-    // Erase phase shared by the writers: the estimate line, then blocks
-    // 0..blocks-1 erased one by one with a dot, a status update showing the
-    // count from before the block, and `*count` advanced by erasesize; one
-    // more dot and a line end after the last. On a failed erase prints
-    // `failureLine` on standard error and returns 4.
-    int eraseBlocks(int fd, uint32_t erasesize, uint32_t blocks, int* count,
-                    const std::string& failureLine);
-    // One half of the combined Linux image into its partition (kernel_rootfs.cpp):
-    // erase the blocks `length` bytes cover, then write them; 0 or the
+    // One TFTP read request (download.cpp). New request options go here.
+    struct TransferRequest {
+        std::string host;
+        std::string port;  // empty: the TFTP default port
+        std::string remoteName;
+        // Null: into the download file, announced on standard output.
+        // Otherwise into this buffer, which keeps at most `limit` bytes.
+        std::string* memory = nullptr;
+        std::size_t limit = 0;
+    };
+    // How runTransfer ended. Every failure but kRequestFailed (which the
+    // callback reports) leaves its text in errorText.
+    enum class TransferEnd {
+        kDone,
+        kUnresolved,     // the server address cannot be resolved
+        kNotOpened,      // the download file cannot be created
+        kNotStarted,     // the request cannot be started
+        kEventsFailed,   // a turn of the event loop failed
+        kRequestFailed,  // the transfer failed (timeout, ERROR packet)
+        kStopped,        // SIGINT or SIGTERM arrived
+        kNotStored,      // the file holds less than was received
+        kTooLarge,       // more than the buffer's limit was received
+    };
+    // What the request in progress shares with tftpRequestCallback and the
+    // client's writes: one object, reached through the client's context and
+    // through the stream the client writes into.
+    struct Transfer {
+        uint32_t progressTicks = 0;     // progress reports of this run; never reset
+        zel_error_t result = ZEL_SUCCESS;  // or the failed request's code
+        uint64_t bytesReceived = 0;     // of the request that completed
+        std::FILE* file = nullptr;      // destination: the download file, or
+        std::string* memory = nullptr;  // a buffer of at most `limit` bytes
+        std::size_t limit = 0;
+        int writeError = 0;  // errno of the first write that stored less than it was given
+
+        // Stores one write of the client at the destination; the bytes stored.
+        std::size_t store(const char* data, std::size_t size);
+    };
+
+    // Runs `request` to its end: resolve the server, open the destination,
+    // start the request, turn the event loop until the callback ends it or a
+    // stop signal arrives, then check that everything received is stored.
+    // `*error` is the code of a failure.
+    TransferEnd runTransfer(const TransferRequest& request, zel_error_t* error);
+    // The event loop until the request in progress ends.
+    TransferEnd turnUntilDone(zel_error_t* error);
+    static ssize_t writeToTransfer(void* cookie, const char* data, std::size_t size);
+
+    // The data path of one image (flash_writer.cpp). Before anything is
+    // unlocked or erased: the walk over the good blocks (NAND: the bad ones
+    // are asked for and skipped), refusing an image they cannot hold, and
+    // with -D the blocks that already hold their bytes. 0 or 4.
+    int prepareBlocks(FlashTarget& target, const uint8_t* image, uint32_t size);
+    // Erase phase (the estimate line, a dot, a status update showing the
+    // count from before the block and `*count` advanced by erasesize per
+    // block, one more dot), the target's writing line, the write phase, then
+    // the whole image read back and compared. 0 or 4 after the message.
+    int eraseWriteVerify(FlashTarget& target, const uint8_t* image, uint32_t size, int* count);
+    // Erases the block image block `index` goes to; on NAND a block that
+    // fails with EIO is marked bad and the image moves on. 0 or 4.
+    int eraseImageBlock(FlashTarget& target, uint32_t index);
+    // Writes `length` bytes of image block `index` (erasing first a block it
+    // moved onto), seeking when `*position` is not where it goes. 0 or 4.
+    int writeImageBlock(FlashTarget& target, uint32_t index, const uint8_t* bytes, uint32_t length,
+                        uint64_t* position, const char* failureLine);
+    // The block under image block `index` failed with EIO: marks it bad,
+    // says so, and moves the image from `index` on to the next good blocks;
+    // false after the message when none are left.
+    bool retireBlock(FlashTarget& target, uint32_t index);
+    // Reads the image back and compares; 0, or 4 after naming the first
+    // differing offset.
+    int verifyImage(FlashTarget& target, const uint8_t* image, uint32_t size);
+    // One half of the combined Linux image into its partition
+    // (kernel_rootfs.cpp): prepare, erase, write and verify; 0 or the
     // writers' code.
-    int writeHalf(const char* partition, const char* eraseError, int fd, const mtd_info_user& info,
-                  const uint8_t* data, uint32_t length, int* current);
+    int writeHalf(FlashTarget& target, const uint8_t* data, uint32_t length, int* current);
 
     zel_env* env;
     qim_id modelId;
@@ -152,5 +223,8 @@ private:
     char errorText[ZEL_ERROR_TEXT_SIZE];
     zel_tftp_client* tftpClient;
     zel_tftp_client_request* activeRequest;
+    Transfer transfer;
     const release_signature::Release* releaseSignature = nullptr;
+    bool skipUnchanged = false;
+    uint32_t skippedBlocks = 0;  // by -D, over the image being written
 };
