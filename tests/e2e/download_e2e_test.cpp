@@ -5,6 +5,7 @@
 
 #include <set>
 #include <string>
+#include <vector>
 
 #include "brivlo_board.h"
 #include "common/fake_tftp_server.h"
@@ -17,16 +18,22 @@ using e2e::dots;
 
 std::string tftpUrl(uint16_t port) { return "tftp://127.0.0.1:" + std::to_string(port); }
 
-TEST(Download, FileFromTftpdIsWrittenIntoTheRawPartition) {
+// Without and with -F the same lines: one dot per 76800 bytes (150 blocks of
+// 512 bytes), whatever the block size.
+class DownloadFromTftpd : public testing::TestWithParam<std::vector<std::string>> {};
+
+TEST_P(DownloadFromTftpd, FileIsWrittenIntoTheRawPartition) {
     testutil::Tftpd tftpd;
     const std::string firmware = e2e::randomBytes(1000000, 21);
     tftpd.addFile("fw.bin", firmware);
     Board board;
 
-    const testutil::ProcessResult r = board.brivlo({tftpUrl(tftpd.port()), "fw.bin", "fpga"});
+    std::vector<std::string> args = {tftpUrl(tftpd.port()), "fw.bin", "fpga"};
+    args.insert(args.end(), GetParam().begin(), GetParam().end());
+    const testutil::ProcessResult r = board.brivlo(args);
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.err, "");
-    // One dot per 150 blocks; 1000000 bytes fill 16 erase blocks, 15 whole chunks.
+    // 1000000 bytes: 13 dots; they fill 16 erase blocks, 15 whole chunks.
     EXPECT_EQ(r.out, "Starting file download\n" + dots(13) + " 1000000 bytes transferred\n" +
                          "Erasing Flash (wait 4s)\n" + dots(17) + "\n" +
                          "Writing file to flash partition 'fpga'\n" + dots(15) + "\n" +
@@ -35,39 +42,31 @@ TEST(Download, FileFromTftpdIsWrittenIntoTheRawPartition) {
     EXPECT_FALSE(board.statusExists());
 }
 
-// -F changes nothing the user reads: the same dots (one per 76800 bytes) and
-// lines as without it. A file the server announces larger than the
-// partition is refused before a byte is stored: status 2, nothing erased.
-TEST(Download, WithOptionsTheSameLinesAndTooLargeIsRefusedUpFront) {
-    testutil::Tftpd tftpd;
-    const std::string firmware = e2e::randomBytes(1000000, 22);
-    tftpd.addFile("fw.bin", firmware);
-    Board board;
-    testutil::ProcessResult r = board.brivlo({tftpUrl(tftpd.port()), "fw.bin", "fpga", "-F"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.err, "");
-    EXPECT_EQ(r.out, "Starting file download\n" + dots(13) + " 1000000 bytes transferred\n" +
-                         "Erasing Flash (wait 4s)\n" + dots(17) + "\n" +
-                         "Writing file to flash partition 'fpga'\n" + dots(15) + "\n" +
-                         "\nFlash write complete.\n\nBrivlo done\n");
-    EXPECT_EQ(board.partition("fpga").substr(0, firmware.size()), firmware);
+INSTANTIATE_TEST_SUITE_P(Options, DownloadFromTftpd,
+                         testing::Values(std::vector<std::string>{}, std::vector<std::string>{"-F"}),
+                         [](const testing::TestParamInfo<std::vector<std::string>>& info) {
+                             return std::string(info.param.empty() ? "Plain" : "WithF");
+                         });
 
-    Board fresh;
-    const std::string room = std::to_string(fresh.partition("fpga").size());
+// -F: a file the server announces larger than the partition is refused
+// before a byte is stored: status 2, nothing erased.
+TEST(Download, WithOptionsTooLargeIsRefusedUpFront) {
+    Board board;
+    const std::string room = std::to_string(board.partition("fpga").size());
     testutil::FakeTftpScript script;
     script.content = "never sent";
     script.sendOack = true;
-    script.oack = {{"blksize", "1468"}, {"tsize", std::to_string(fresh.partition("fpga").size() + 1)}};
+    script.oack = {{"blksize", "1468"}, {"tsize", std::to_string(board.partition("fpga").size() + 1)}};
     testutil::FakeTftpServer server(script);
-    r = fresh.brivlo({tftpUrl(server.port()), "fw.bin", "fpga", "-F"}, 30);
+    const testutil::ProcessResult r = board.brivlo({tftpUrl(server.port()), "fw.bin", "fpga", "-F"}, 30);
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.out, "Starting file download\n");
     EXPECT_NE(r.err.find("does not fit into " + room + " bytes\n"), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("Request Error: data too long: (0x0035=DATATOOLONG)\nTFTP download error\n"),
               std::string::npos) << r.err;
-    EXPECT_TRUE(fresh.logLines("erase fpga ").empty() && fresh.logLines("write fpga ").empty());
-    EXPECT_EQ(testutil::readFile(fresh.downloadPath()), "") << "nothing stored";
-    EXPECT_FALSE(fresh.statusExists());
+    EXPECT_TRUE(board.logLines("erase fpga ").empty() && board.logLines("write fpga ").empty());
+    EXPECT_EQ(testutil::readFile(board.downloadPath()), "") << "nothing stored";
+    EXPECT_FALSE(board.statusExists());
 }
 
 // Failed downloads end with 2, remove the status file and flash nothing.
