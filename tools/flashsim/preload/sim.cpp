@@ -26,7 +26,17 @@ TrackedFd g_fds[kMaxTracked];
 
 constexpr char kTmpPrefix[] = "/tmp/";
 constexpr char kFlashPrefix[] = "/dev/flash/";
-constexpr char kFlashFolder[] = "/dev/flash";
+
+// Paths mapped as they stand to a file or folder of the board.
+struct FixedPath {
+    const char* path;
+    const char* board;
+};
+const FixedPath kFixedPaths[] = {
+    {"/dev/flash", kFlashDir},
+    {"/run", kRunDir},
+    {"/run/brivlo.lock", kLockFile},
+};
 
 bool startsWith(const char* s, const char* prefix, size_t prefixLength) {
     return std::strncmp(s, prefix, prefixLength) == 0;
@@ -112,19 +122,25 @@ void resolvePath(const char* path, ResolvedPath& out) {
     if (startsWith(path, kTmpPrefix, sizeof kTmpPrefix - 1)) {
         const char* name = path + sizeof kTmpPrefix - 1;
         for (const char* fixed : kTmpFiles) {
-            if (std::strcmp(name, fixed) == 0) {
+            // The fixed name, or a name beside it that a squatter is moved
+            // aside to ("flashit.Xy12ab").
+            const size_t n = std::strlen(fixed);
+            if (std::strncmp(name, fixed, n) == 0 &&
+                (name[n] == '\0' || (name[n] == '.' && std::strchr(name + n, '/') == nullptr))) {
                 out.kind = joinBoardPath(out.path, kTmpDir, name) ? PathKind::Mapped : PathKind::MissingPartition;
                 return;
             }
         }
         return;
     }
-    // The device folder itself, so a program can take a lock on it.
-    if (std::strcmp(path, kFlashFolder) == 0) {
+    // The device folder itself, and the folder of the upgrade lock with its
+    // file, so a program can take a lock on the board instead of the host.
+    for (const FixedPath& fixed : kFixedPaths) {
+        if (std::strcmp(path, fixed.path) != 0) continue;
         size_t pos = 0;
         out.path[0] = '\0';
         const bool fits = append(out.path, pos, g_sim.dir) && append(out.path, pos, "/") &&
-                          append(out.path, pos, kFlashDir);
+                          append(out.path, pos, fixed.board);
         out.kind = fits ? PathKind::Mapped : PathKind::MissingPartition;
         return;
     }
