@@ -11,6 +11,9 @@ namespace exit_status {
 
 // main
 constexpr int kDownloadFailed = 2;
+// The model identifier in place of the partition name does not yield eight
+// hexadecimal bytes (what qim_id_from_hex answers for such a text).
+constexpr int kBadModelArgument = ZEL_INVALIDDATA;
 constexpr int kUsage = 5;
 constexpr int kNotPartitionOrPackage = 6;
 constexpr int kAlreadyInProgress = ZEL_ALREADY;  // another upgrade holds the lock

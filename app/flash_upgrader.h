@@ -33,8 +33,8 @@ struct zel_env;
 struct zel_tftp_client;
 struct zel_tftp_client_request;
 struct qim_package;
-// The geometry MEMGETINFO fills (<mtd/mtd-user.h>, included by the writers).
-struct mtd_info_user;
+// One image on its way into one partition (app/flash_target.h).
+struct FlashTarget;
 namespace release_signature {
 struct Release;
 }
@@ -86,9 +86,9 @@ public:
     // or write failed; 28 lock failed; or the split writer's code.
     int writeImageToFlash(std::string name, uint32_t size, int isProtected, const uint8_t* image);
     // Write phase shared by the writers: erasesize-sized chunks, then the
-    // remainder, advancing `*count` by every byte written. 0 or 4. The
-    // descriptor stays open.
-    int writeToFlash(int fd, const uint8_t* data, uint32_t size, const mtd_info_user& info, int* count);
+    // remainder, each into the block the target's walk gives it, advancing
+    // `*count` by every byte of the image. 0 or 4. The descriptor stays open.
+    int writeToFlash(FlashTarget& target, const uint8_t* data, uint32_t size, int* count);
     // The combined Linux image split at its U-Boot header into
     // /dev/flash/kernel and /dev/flash/rootfs. 0, 18 (a device cannot be
     // opened) or 4.
@@ -128,23 +128,43 @@ public:
     // be flashed: 0, or exit_status::kSignatureRefused after the
     // refusal line. Without one both return 0 at once.
     void setRelease(const release_signature::Release* release);
+
+    // -D: blocks that already hold what a write would leave in them are
+    // neither erased nor written.
+    void setSkipUnchanged(bool skip) { skipUnchanged = skip; }
     int verifyRelease(const uint8_t* data, std::size_t size);
     // Over the whole file open on `fd`, read with pread from offset 0.
     int verifyRelease(int fd);
 
 private:
-    // Erase phase shared by the writers: the estimate line, then blocks
-    // 0..blocks-1 erased one by one with a dot, a status update showing the
-    // count from before the block, and `*count` advanced by erasesize; one
-    // more dot and a line end after the last. On a failed erase prints
-    // `failureLine` on standard error and returns 4.
-    int eraseBlocks(int fd, uint32_t erasesize, uint32_t blocks, int* count,
-                    const std::string& failureLine);
-    // One half of the combined Linux image into its partition (kernel_rootfs.cpp):
-    // erase the blocks `length` bytes cover, then write them; 0 or the
+    // The data path of one image (flash_writer.cpp). Before anything is
+    // unlocked or erased: the walk over the good blocks (NAND: the bad ones
+    // are asked for and skipped), refusing an image they cannot hold, and
+    // with -D the blocks that already hold their bytes. 0 or 4.
+    int prepareBlocks(FlashTarget& target, const uint8_t* image, uint32_t size);
+    // Erase phase (the estimate line, a dot, a status update showing the
+    // count from before the block and `*count` advanced by erasesize per
+    // block, one more dot), the target's writing line, the write phase, then
+    // the whole image read back and compared. 0 or 4 after the message.
+    int eraseWriteVerify(FlashTarget& target, const uint8_t* image, uint32_t size, int* count);
+    // Erases the block image block `index` goes to; on NAND a block that
+    // fails with EIO is marked bad and the image moves on. 0 or 4.
+    int eraseImageBlock(FlashTarget& target, uint32_t index);
+    // Writes `length` bytes of image block `index` (erasing first a block it
+    // moved onto), seeking when `*position` is not where it goes. 0 or 4.
+    int writeImageBlock(FlashTarget& target, uint32_t index, const uint8_t* bytes, uint32_t length,
+                        uint64_t* position, const char* failureLine);
+    // The block under image block `index` failed with EIO: marks it bad,
+    // says so, and moves the image from `index` on to the next good blocks;
+    // false after the message when none are left.
+    bool retireBlock(FlashTarget& target, uint32_t index);
+    // Reads the image back and compares; 0, or 4 after naming the first
+    // differing offset.
+    int verifyImage(FlashTarget& target, const uint8_t* image, uint32_t size);
+    // One half of the combined Linux image into its partition
+    // (kernel_rootfs.cpp): prepare, erase, write and verify; 0 or the
     // writers' code.
-    int writeHalf(const char* partition, const char* eraseError, int fd, const mtd_info_user& info,
-                  const uint8_t* data, uint32_t length, int* current);
+    int writeHalf(FlashTarget& target, const uint8_t* data, uint32_t length, int* current);
 
     zel_env* env;
     qim_id modelId;
@@ -153,4 +173,6 @@ private:
     zel_tftp_client* tftpClient;
     zel_tftp_client_request* activeRequest;
     const release_signature::Release* releaseSignature = nullptr;
+    bool skipUnchanged = false;
+    uint32_t skippedBlocks = 0;  // by -D, over the image being written
 };

@@ -8,6 +8,7 @@
 
 #include <iostream>
 
+#include "app/flash_target.h"
 #include "app/mtd_device.h"
 #include "app/progress_count.h"
 #include "app/write_unit.h"
@@ -86,15 +87,23 @@ bool rootfsWriteUnitFits() {
 
 }  // namespace
 
-int FlashUpgrader::writeHalf(const char* partition, const char* eraseError, int fd, const mtd_info_user& info,
-                             const uint8_t* data, uint32_t length, int* current) {
-    const int rc = eraseBlocks(fd, info.erasesize, progress::blocksFor(length, info.erasesize), current,
-                               std::string(kName) + eraseError);
+namespace {
+
+FlashTarget halfTarget(const Half& half, int fd, const mtd_info_user& info, uint32_t length) {
+    FlashTarget target(fd, info, length, half.partition, kName);
+    target.eraseFailure = std::string(kName) + half.eraseError;
+    target.writing = std::string("Writing file to ") + half.partition + " flash partition";
+    return target;
+}
+
+}  // namespace
+
+int FlashUpgrader::writeHalf(FlashTarget& target, const uint8_t* data, uint32_t length, int* current) {
+    const int rc = prepareBlocks(target, data, length);
     if (rc != ZEL_SUCCESS) {
         return rc;
     }
-    std::cout << "Writing file to " << partition << " flash partition" << std::endl;
-    return writeToFlash(fd, data, length, info, current);
+    return eraseWriteVerify(target, data, length, current);
 }
 
 int FlashUpgrader::eraseAndWriteKernelRootFs(uint32_t size, int current, const uint8_t* image) {
@@ -137,7 +146,8 @@ int FlashUpgrader::eraseAndWriteKernelRootFs(uint32_t size, int current, const u
     }
     // Fits the 32-bit image size from here on.
     const uint32_t kernelBytes = static_cast<uint32_t>(kernelLength);
-    rc = writeHalf(kKernel.partition, kKernel.eraseError, kernel.get(), kernelInfo, image, kernelBytes, &current);
+    FlashTarget kernelTarget = halfTarget(kKernel, kernel.get(), kernelInfo, kernelBytes);
+    rc = writeHalf(kernelTarget, image, kernelBytes, &current);
     kernel.reset();
     if (rc != ZEL_SUCCESS) {
         return rc;
@@ -157,6 +167,6 @@ int FlashUpgrader::eraseAndWriteKernelRootFs(uint32_t size, int current, const u
     if (rc != ZEL_SUCCESS) {
         return rc;
     }
-    return writeHalf(kRootfs.partition, kRootfs.eraseError, rootfs.get(), rootfsInfo, image + kernelBytes,
-                     rootfsBytes, &current);
+    FlashTarget rootfsTarget = halfTarget(kRootfs, rootfs.get(), rootfsInfo, rootfsBytes);
+    return writeHalf(rootfsTarget, image + kernelBytes, rootfsBytes, &current);
 }

@@ -23,89 +23,6 @@
 
 namespace {
 
-// Identifier overrides given with -O (model) and -A (manufacturer).
-struct Overrides {
-    bool model = false;
-    qim_id modelId = QIM_MODEL_ID_ANY;
-    bool mfgc = false;
-    qim_id mfgcId = QIM_MFGC_ID_ANY;
-};
-
-// The release key given with -K; without it no signature is asked for.
-struct KeyOption {
-    bool given = false;
-    std::string path;
-};
-
-// One override option at args[i]. An identifier that does not parse is an
-// error unless the next word is one of `noIdFollowers` (the option was given
-// without an identifier, as when it is the last argument). Returns false after
-// printing the refusal.
-bool takeOverride(const std::vector<std::string>& args, std::size_t i, const char* otherOption,
-                  const char* validText, const char* invalidText, bool* isSet, qim_id* id,
-                  const qim_id& wildcard) {
-    if (i + 1 >= args.size()) {
-        *id = wildcard;
-        *isSet = true;
-        return true;
-    }
-    const std::string& next = args[i + 1];
-    if (qim_id_from_hex(id, next.c_str()) == ZEL_SUCCESS) {
-        std::cerr << "main" << validText << std::endl;
-        *isSet = true;
-        return true;
-    }
-    if (next == otherOption || next == "-S") {
-        *id = wildcard;
-        *isSet = true;
-        return true;
-    }
-    std::cerr << "main" << invalidText << std::endl;
-    return false;
-}
-
-// The option scan over every argument from position 1. Returns -1 to go on,
-// or the exit status. "-S" does not return: the status query ends the process.
-int scanOptions(const std::vector<std::string>& args, bool* localSeen, Overrides* overrides,
-                KeyOption* key) {
-    for (std::size_t i = 1; i < args.size(); ++i) {
-        const std::string& arg = args[i];
-        if (arg == "-?" || arg == "--help") {
-            command_line::printUsage(args[0]);
-            return exit_status::kUsage;
-        }
-        if (arg == "-S") {
-            status_file::queryStatus();
-        }
-        if (arg == "local") {
-            *localSeen = true;
-        } else if (arg == "-O") {
-            if (!takeOverride(args, i, "-A", ": Model ID override valid", ": Invalid Model ID",
-                              &overrides->model, &overrides->modelId, QIM_MODEL_ID_ANY)) {
-                command_line::printUsage(args[0]);
-                return exit_status::kUsage;
-            }
-        } else if (arg == "-A") {
-            if (!takeOverride(args, i, "-O", ": Manf ID override valid", ": Invalid Manf ID",
-                              &overrides->mfgc, &overrides->mfgcId, QIM_MFGC_ID_ANY)) {
-                command_line::printUsage(args[0]);
-                return exit_status::kUsage;
-            }
-        } else if (arg == "-K") {
-            if (i + 1 >= args.size()) {
-                std::cerr << "main" << ": -K needs a public key file" << std::endl;
-                command_line::printUsage(args[0]);
-                return exit_status::kUsage;
-            }
-            key->given = true;
-            key->path = args[i + 1];
-        }
-        // The scan advances by one: an identifier after -O/-A and the key
-        // file after -K are looked at next and, being no option word, ignored.
-    }
-    return -1;
-}
-
 // Reads the whole raw image. False when the file cannot be opened or read, is
 // larger than the 32-bit size the writer takes, or memory runs out; no buffer
 // is ever sized from a length that was not determined. A symbolic link at the
@@ -162,92 +79,21 @@ void removeStatusFile() {
     std::remove(status_file::kStatusPath);
 }
 
-// What the command line asks for, taken from the argument words alone.
-struct Invocation {
-    command_line::Source source;
-    std::string fileName;
-    std::string partitionName;
-    // The word after the partition position: a manufacturer identifier in
-    // the package form with identifiers; empty when there is none.
-    std::string positionalMfgc;
-    bool hasPositionalMfgc = false;
-    Overrides overrides;
-    KeyOption key;
-};
-
-Invocation readInvocation(const std::vector<std::string>& args, bool localSeen, const Overrides& overrides,
-                          const KeyOption& key) {
-    Invocation run;
-    if (!localSeen) {
-        run.source = command_line::parseSource(args[1]);
-    }
-    run.fileName = args[2];
-    run.partitionName = args[3];
-    run.hasPositionalMfgc = args.size() > 4;
-    if (run.hasPositionalMfgc) {
-        run.positionalMfgc = args[4];
-    }
-    run.overrides = overrides;
-    run.key = key;
-    return run;
-}
-
-// Raw image or package, and for a package the identities it is matched
-// against. Returns -1 to go on (with *package set), or the exit status after
-// printing why not.
-int chooseTarget(FlashUpgrader& upgrader, const Invocation& run, const std::string& program, bool* package) {
-    const std::string& partition = run.partitionName;
-    const bool known = FlashUpgrader::isValidPartitionName(partition);
-    *package = false;
-    if (partition.empty() || (known && partition != "qim")) {
-        return -1;
-    }
-    if (!command_line::hasQimExtension(run.fileName)) {
-        std::cerr << "main" << ": Error - file is not of type qim or missing partition name" << std::endl;
-        return exit_status::kNotPartitionOrPackage;
-    }
-    *package = true;
-    if (!known) {
-        // Package form with identifiers in place of the partition name.
-        qim_id model = QIM_MODEL_ID_ANY;
-        const zel_error_t rc = qim_id_from_hex(&model, partition.c_str());
-        if (rc != ZEL_SUCCESS) {
-            std::cerr << "main" << ": Invalid argument \"" << partition << "\"" << std::endl;
-            command_line::printUsage(program);
-            return static_cast<int>(rc);
-        }
-        upgrader.setModelId(model);
-        if (run.hasPositionalMfgc) {
-            qim_id mfgc = QIM_MFGC_ID_ANY;
-            qim_id_from_hex(&mfgc, run.positionalMfgc.c_str());  // a failure leaves the wildcard
-            upgrader.setMfgcId(mfgc);
-        }
-    }
-    // -O and -A win over the device and the positional identifiers.
-    if (run.overrides.model) {
-        upgrader.setModelId(run.overrides.modelId);
-    }
-    if (run.overrides.mfgc) {
-        upgrader.setMfgcId(run.overrides.mfgcId);
-    }
-    return -1;
-}
-
 // With -K, the release key, loaded before any download so that a key that
 // cannot be used never costs a transfer. 0, or the exit status.
-int loadReleaseKey(const Invocation& run, std::unique_ptr<release_signature::Release>* release) {
-    if (!run.key.given) {
+int loadReleaseKey(const command_line::Invocation& run, std::unique_ptr<release_signature::Release>* release) {
+    if (!run.keyGiven) {
         return ZEL_SUCCESS;
     }
     release->reset(new release_signature::Release());
     (*release)->fileName = run.fileName;
-    return release_signature::loadKey(run.key.path, &(*release)->key);
+    return release_signature::loadKey(run.keyPath, &(*release)->key);
 }
 
 // The signature of the file to be flashed: from the same server, into
 // memory, for a download; from beside it for a local file. 0, or the exit
 // status after the refusal was printed.
-int fetchSignature(FlashUpgrader& upgrader, const Invocation& run, release_signature::Release* release) {
+int fetchSignature(FlashUpgrader& upgrader, const command_line::Invocation& run, release_signature::Release* release) {
     if (!run.source.download) {
         return release_signature::loadLocalSignature(run.fileName, &release->signature);
     }
@@ -259,7 +105,35 @@ int fetchSignature(FlashUpgrader& upgrader, const Invocation& run, release_signa
     return release_signature::parseFetchedSignature(run.fileName, text, &release->signature);
 }
 
-int runUpgrade(zel_env* env, const std::vector<std::string>& args, const Invocation& run) {
+// Sets the identities a package is matched against. 0 when the run goes on
+// as `*package` says, or the exit status after printing why not.
+int applyTarget(FlashUpgrader& upgrader, const command_line::Invocation& run, const std::string& program,
+                bool* package) {
+    using Kind = command_line::Target::Kind;
+    const command_line::Target target = command_line::chooseTarget(run);
+    switch (target.kind) {
+    case Kind::kNotPartitionOrPackage:
+        std::cerr << "main" << ": Error - file is not of type qim or missing partition name" << std::endl;
+        return exit_status::kNotPartitionOrPackage;
+    case Kind::kBadModelArgument:
+        std::cerr << "main" << ": Invalid argument \"" << run.partitionName << "\"" << std::endl;
+        command_line::printUsage(program);
+        return exit_status::kBadModelArgument;
+    case Kind::kRaw:
+    case Kind::kPackage:
+        break;
+    }
+    *package = target.kind == Kind::kPackage;
+    if (target.model.given) {
+        upgrader.setModelId(target.model.id);
+    }
+    if (target.mfgc.given) {
+        upgrader.setMfgcId(target.mfgc.id);
+    }
+    return 0;
+}
+
+int runUpgrade(zel_env* env, const std::string& program, const command_line::Invocation& run) {
     std::unique_ptr<FlashUpgrader> upgrader(new FlashUpgrader(env));
     // Every return below this point destroys the context before the status
     // file goes, so nothing writes the file after its removal.
@@ -281,8 +155,8 @@ int runUpgrade(zel_env* env, const std::vector<std::string>& args, const Invocat
     }
 
     bool package = false;
-    const int chosen = chooseTarget(*upgrader, run, args[0], &package);
-    if (chosen >= 0) {
+    const int chosen = applyTarget(*upgrader, run, program, &package);
+    if (chosen != 0) {
         return finish(chosen);
     }
     // The release outlives the upgrader, which only points at it.
@@ -356,19 +230,27 @@ int brivloMain(int argc, char** argv) {
         args.emplace_back();
     }
 
-    bool localSeen = false;
-    Overrides overrides;
-    KeyOption key;
-    const int scanStatus = scanOptions(args, &localSeen, &overrides, &key);
-    if (scanStatus >= 0) {
-        return scanStatus;
+    const command_line::Command command = command_line::parse(args);
+    for (const std::string& line : command.messages) {
+        std::cerr << line << std::endl;
+    }
+    switch (command.action) {
+    case command_line::Action::kUsage:
+    case command_line::Action::kRefused:
+        command_line::printUsage(args[0]);
+        return exit_status::kUsage;
+    case command_line::Action::kStatusQuery:
+        status_file::queryStatus();
+    case command_line::Action::kTooFewArguments:
+    case command_line::Action::kUpgrade:
+        break;
     }
     // From here on this is an upgrade (or a failed attempt at one). The lock
     // comes before anything touches flash, /tmp/flashit or the status file;
     // the status file of an upgrade that holds it belongs to that upgrade.
     UpgradeLock lock;
     const UpgradeLock::State locked = lock.acquire();
-    if (args.size() <= 3) {
+    if (command.action == command_line::Action::kTooFewArguments) {
         command_line::printUsage(args[0]);
         if (locked != UpgradeLock::State::kBusy) {
             removeStatusFile();
@@ -380,5 +262,5 @@ int brivloMain(int argc, char** argv) {
         return exit_status::kAlreadyInProgress;
     }
     stop_signal::install();
-    return runUpgrade(env, args, readInvocation(args, localSeen, overrides, key));
+    return runUpgrade(env, args[0], command.invocation);
 }

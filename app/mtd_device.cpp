@@ -1,5 +1,7 @@
 #include "app/mtd_device.h"
 
+#include "support/system.h"
+
 #include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
@@ -77,6 +79,62 @@ LockAnswer lockRange(int fd, bool lock, uint32_t length) {
 
 long write(int fd, const uint8_t* data, uint32_t count) {
     return static_cast<long>(::write(fd, data, count));
+}
+
+namespace {
+int failureErrno() { return errno != 0 ? errno : EIO; }
+}  // namespace
+
+int eraseErrno(int fd, uint32_t start, uint32_t length) {
+    erase_info_user request{};
+    request.start = start;
+    request.length = length;
+    return ::ioctl(fd, BRIVLO_MEMERASE, &request) < 0 ? failureErrno() : 0;
+}
+
+int writeErrno(int fd, const uint8_t* data, uint32_t count) {
+    errno = 0;
+    const ssize_t written = ::write(fd, data, count);
+    if (written < 0) {
+        return failureErrno();
+    }
+    return written == static_cast<ssize_t>(count) ? 0 : -1;
+}
+
+int seek(int fd, uint64_t offset) {
+    return ::lseek(fd, static_cast<off_t>(offset), SEEK_SET) < 0 ? failureErrno() : 0;
+}
+
+int readAt(int fd, uint64_t offset, uint8_t* data, uint32_t count) {
+    std::size_t done = 0;
+    if (zel_read_at(fd, offset, data, count, &done) != ZEL_SUCCESS) {
+        return failureErrno();
+    }
+    return done == count ? 0 : EIO;
+}
+
+int isBadBlock(int fd, uint64_t offset, int* bad) {
+    int64_t at = static_cast<int64_t>(offset);  // the kernel's 64-bit loff_t
+    const int rc = ::ioctl(fd, BRIVLO_MEMGETBADBLOCK, &at);
+    if (rc < 0) {
+        return failureErrno();
+    }
+    *bad = rc > 0 ? 1 : 0;
+    return 0;
+}
+
+int markBadBlock(int fd, uint64_t offset) {
+    int64_t at = static_cast<int64_t>(offset);  // the kernel's 64-bit loff_t
+    return ::ioctl(fd, BRIVLO_MEMSETBADBLOCK, &at) < 0 ? failureErrno() : 0;
+}
+
+int eccStats(int fd, mtd_ecc_stats* stats) {
+    mtd_ecc_stats filled{};
+    if (::ioctl(fd, BRIVLO_ECCGETSTATS, &filled) < 0) {
+        return failureErrno();
+    }
+    *stats = filled;
+    return 0;
 }
 
 }  // namespace mtd

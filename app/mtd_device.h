@@ -40,11 +40,17 @@ enum : unsigned long {
     BRIVLO_MEMLOCKCTL = 0xC00C4D41ul,
     BRIVLO_MEMLOCK = 0x40084D05ul,
     BRIVLO_MEMUNLOCK = 0x40084D06ul,
+    BRIVLO_MEMGETBADBLOCK = 0x40084D0Bul,
+    BRIVLO_MEMSETBADBLOCK = 0x40084D0Cul,
+    BRIVLO_ECCGETSTATS = 0x80104D12ul,
 };
 static_assert(BRIVLO_MEMGETINFO == MEMGETINFO, "MEMGETINFO number");
 static_assert(BRIVLO_MEMERASE == MEMERASE, "MEMERASE number");
 static_assert(BRIVLO_MEMLOCKCTL == _IOWR('M', 0x41, mtd_lock_ctl), "MEMLOCKCTL number");
 static_assert(BRIVLO_MEMLOCK == MEMLOCK && BRIVLO_MEMUNLOCK == MEMUNLOCK, "mainline lock numbers");
+static_assert(BRIVLO_MEMGETBADBLOCK == MEMGETBADBLOCK && BRIVLO_MEMSETBADBLOCK == MEMSETBADBLOCK,
+              "bad block request numbers");
+static_assert(BRIVLO_ECCGETSTATS == ECCGETSTATS, "ECCGETSTATS number");
 
 namespace mtd {
 
@@ -76,5 +82,37 @@ LockAnswer lockRange(int fd, bool lock, uint32_t length);
 
 // One write() call at the descriptor's current position; its raw result.
 long write(int fd, const uint8_t* data, uint32_t count);
+
+// The calls below answer 0 or the errno value of the failed call (never 0
+// for a failure), so the writers can tell a block that went bad (EIO) from
+// any other refusal.
+
+// MEMERASE of [start, start + length).
+int eraseErrno(int fd, uint32_t start, uint32_t length);
+
+// One write() of exactly `count` bytes at the current position; a short
+// write answers -1 (no errno of its own).
+int writeErrno(int fd, const uint8_t* data, uint32_t count);
+
+// Moves the descriptor to `offset` for the next write().
+int seek(int fd, uint64_t offset);
+
+// Reads exactly `count` bytes at `offset` (pread, position untouched);
+// EIO also for a short read.
+int readAt(int fd, uint64_t offset, uint8_t* data, uint32_t count);
+
+// MEMGETBADBLOCK: `*bad` 1 when the block at `offset` is marked bad.
+int isBadBlock(int fd, uint64_t offset, int* bad);
+
+// MEMSETBADBLOCK on the block at `offset`.
+int markBadBlock(int fd, uint64_t offset);
+
+// ECCGETSTATS.
+int eccStats(int fd, mtd_ecc_stats* stats);
+
+// Whether MEMGETINFO describes NAND flash, the kind with bad blocks and ECC.
+inline bool isNand(const mtd_info_user& info) {
+    return info.type == MTD_NANDFLASH || info.type == MTD_MLCNANDFLASH;
+}
 
 }  // namespace mtd

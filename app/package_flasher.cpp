@@ -4,7 +4,6 @@
 // device's model into the partition of its kind, in part-table order.
 #include "app/flash_upgrader.h"
 
-#include <cerrno>
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -22,6 +21,7 @@
 #include "app/tmp_file.h"
 #include "qim/package.h"
 #include "qim/report.h"
+#include "support/system.h"
 #include "support/tmp_file.h"
 
 namespace {
@@ -34,24 +34,6 @@ using UniquePackage = std::unique_ptr<qim_package, PackageFree>;
 // A part whose bytes cannot be read (kFailed: the part table promises data
 // the file does not hold) makes the package count as damaged.
 enum class ReadResult { kOk, kFailed, kNoMemory };
-
-// Reads `size` bytes from `position` on, however the kernel splits them.
-bool readFully(int fd, uint64_t position, uint8_t* data, uint32_t size) {
-    constexpr uint32_t kMaxRequest = 1u << 30;  // within ssize_t on the 32-bit target
-    uint32_t done = 0;
-    while (done < size) {
-        const uint32_t want = size - done < kMaxRequest ? size - done : kMaxRequest;
-        const ssize_t got = ::pread(fd, data + done, want, static_cast<off_t>(position + done));
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got <= 0) {
-            return false;
-        }
-        done += static_cast<uint32_t>(got);
-    }
-    return true;
-}
 
 // Reads the `size` bytes at `position` of the package into a zero-filled
 // buffer of exactly that size.
@@ -76,7 +58,12 @@ ReadResult readPartData(int fd, uint64_t position, uint32_t size, ImageBuffer* d
     if (!data->allocate(size)) {
         return ReadResult::kNoMemory;
     }
-    return readFully(fd, position, data->data(), size) ? ReadResult::kOk : ReadResult::kFailed;
+    // A part that ends before its size is as damaged as one that cannot be read.
+    std::size_t got = 0;
+    if (zel_read_at(fd, position, data->data(), size, &got) != ZEL_SUCCESS || got != size) {
+        return ReadResult::kFailed;
+    }
+    return ReadResult::kOk;
 }
 
 // Loads and validates the package at `path`. The download is a file brivlo

@@ -12,6 +12,7 @@
 #include "qim/crc32.h"
 #include "qim/package_format.h"
 #include "qim/package_internal.h"
+#include "support/system.h"
 
 namespace fmt = qimfmt;
 
@@ -25,13 +26,7 @@ void print_bad_checksum(uint32_t computed, uint32_t expected) {
 // at the end of the file), or -1 when reading fails.
 long long read_at(int fd, uint64_t position, uint8_t* data, std::size_t length) {
     std::size_t done = 0;
-    while (done < length) {
-        const ssize_t got = ::pread(fd, data + done, length - done, static_cast<off_t>(position + done));
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return -1;
-        if (got == 0) break;
-        done += static_cast<std::size_t>(got);
-    }
+    if (zel_read_at(fd, position, data, length, &done) != ZEL_SUCCESS) return -1;
     return static_cast<long long>(done);
 }
 

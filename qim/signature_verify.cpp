@@ -10,6 +10,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/system.h"
+
 namespace {
 
 // Small enough to stay in the CPU's cache between the copy out of the page
@@ -67,12 +69,11 @@ bool hashFile(int fd, uint8_t hash[crypto_generichash_BYTES_MAX]) {
     crypto_generichash_init(&state, nullptr, 0, crypto_generichash_BYTES_MAX);
     uint64_t position = 0;
     for (;;) {
-        const ssize_t got = ::pread(fd, chunk.data(), chunk.size(), static_cast<off_t>(position));
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return false;
+        std::size_t got = 0;
+        if (zel_read_at(fd, position, chunk.data(), chunk.size(), &got) != ZEL_SUCCESS) return false;
         if (got == 0) break;
-        crypto_generichash_update(&state, chunk.data(), static_cast<unsigned long long>(got));
-        position += static_cast<uint64_t>(got);
+        crypto_generichash_update(&state, chunk.data(), got);
+        position += got;
     }
     crypto_generichash_final(&state, hash, crypto_generichash_BYTES_MAX);
     return true;

@@ -32,7 +32,7 @@ work=$root/${BRIVLO_KERNEL_BUILD:-build/kernel}
 triple=arm-linux-gnueabihf
 jobs=$(nproc 2>/dev/null || echo 2)
 
-BRIVLO_DEPS_EXTRA="qemu-system-arm g++-$triple cpio xz-utils ${BRIVLO_DEPS_EXTRA:-}" scripts/deps.sh
+BRIVLO_DEPS_EXTRA="qemu-system-arm g++-$triple cpio xz-utils openssl ${BRIVLO_DEPS_EXTRA:-}" scripts/deps.sh
 . scripts/debian-fetch.sh
 mkdir -p "$work"
 
@@ -117,7 +117,13 @@ ir=$work/initramfs
 rm -rf "$ir" "$work/tftp-host" "$work/tftp-qemu"
 mkdir -p "$ir"/{bin,data,dev,proc,sys,tmp,lib/modules,lib/$triple} "$work/tftp-host" "$work/tftp-qemu"
 data=$ir/data
-random() { head -c "$2" /dev/urandom >"$data/$1"; }
+# Test data comes from a seed, so a failing run replays byte for byte with
+# BRIVLO_KERNEL_SEED set to the seed printed here. seeded NAME N: N bytes of
+# AES-CTR over zeros keyed by the seed and NAME (every stream differs).
+seed=${BRIVLO_KERNEL_SEED:-$(od -An -N4 -tu4 /dev/urandom | tr -d ' ')}
+echo "== test data seed $seed (BRIVLO_KERNEL_SEED=$seed replays it)"
+seeded() { head -c "$2" /dev/zero | openssl enc -aes-128-ctr -nosalt -pbkdf2 -iter 1 -pass "pass:$seed/$1"; }
+random() { seeded "$1" "$2" >"$data/$1"; }
 ff() { head -c "$1" /dev/zero | tr '\000' '\377'; }
 kib=1024
 mib=$((1024 * kib))
@@ -137,11 +143,11 @@ random config-part.bin $((64 * kib))
 # Combined kernel + root file system images for each driver's erase block E:
 # E bytes, the U-Boot header with its data, 1728 more bytes, then the root file
 # system. Sizes are whole NAND pages on both sides of the split.
-head -c $((200 * kib + 256)) /dev/urandom >"$work/uimage.data"
+seeded uimage.data $((200 * kib + 256)) >"$work/uimage.data"
 mkimage -A arm -O linux -T kernel -C none -a 0 -e 0 -n brivlo-test -d "$work/uimage.data" "$work/uimage" >/dev/null
 for d in nand:131072 nor:65536; do
   drv=${d%:*} e=${d#*:}
-  { head -c "$e" /dev/urandom; cat "$work/uimage"; head -c 1728 /dev/urandom; head -c $((300 * kib)) /dev/urandom; } \
+  { seeded "$drv-head" "$e"; cat "$work/uimage"; seeded "$drv-gap" 1728; seeded "$drv-rootfs" $((300 * kib)); } \
     >"$data/split-$drv.bin"
   echo $((e + 1792 + 200 * kib + 256)) >"$data/split-$drv.klen"
   # A package for this board's model (5445...3130...: the Linux image and the

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "support/errors.h"
 
@@ -20,3 +21,13 @@ zel_error_t zel_os_name(char* buf, std::size_t size);
 zel_error_t zel_os_sysname(char* buf, std::size_t size);
 // The release text from uname; FAULT when uname fails (`buf` untouched).
 zel_error_t zel_os_release(char* buf, std::size_t size);
+
+// Reads `length` bytes at `position` of `fd` into `data`, however the kernel
+// splits them: a read a signal interrupts is repeated, and no request asks for
+// more than 1 GiB, so the count a 32-bit process gets back always fits its
+// ssize_t. SUCCESS with `*done` the count read, below `length` only when the
+// file ends first (whether that is an error is the caller's to decide);
+// SYSTEM when a read fails (cause in errno); INVALIDPARAMETER for a null
+// `done`, a null `data` with a non-zero `length`, or a range beyond the
+// largest file offset. `*done` is set only on SUCCESS.
+zel_error_t zel_read_at(int fd, std::uint64_t position, void* data, std::size_t length, std::size_t* done);

@@ -54,22 +54,4 @@ std::string dots(std::size_t count) {
     return std::string(count, '.');
 }
 
-std::string usageText(const std::string& p) {
-    return "Usage: \n"
-           "1. " + p + " <download protocol>://<IP address>:[<port>] <filename> <partition name> [OPTIONS]\n"
-           "\texample: " + p + " tftp://192.168.10.100:9000 example.qim qim\n"
-           "2. " + p + " local <absolute file path> <partition name> [OPTIONS]\n"
-           "\texample: " + p + " local /tmp/example.bin image\n"
-           "3. " + p + " [OPTIONS]\n"
-           "Options:\n"
-           "  -? | --help: print this message and exit\n"
-           "  -S: get current upgrade status\n"
-           "  -O: override model ID matching for QIM file upgrades\n"
-           "  -A: override manufacturer ID matching for QIM file upgrades\n"
-           "  -K <public key file>: flash only a file signed with this minisign or signify key\n"
-           "Partition Names:\n"
-           "qim, boot, bootenv, brdinfo, capability, config, flashall, fpga, fsbl, image, kernel, "
-           "license, rootfs, safeboot, safebootenv, safefpga, safelicense, userarea, skd, safeall\n";
-}
-
 }  // namespace e2e

@@ -33,7 +33,5 @@ public:
 using testutil::randomBytes;
 // The text of `count` dots.
 std::string dots(std::size_t count);
-// Usage text exactly as brivlo prints it on standard error for `program`.
-std::string usageText(const std::string& program);
 
 }  // namespace e2e

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "app/command_line.h"
 #include "brivlo_board.h"
 
 namespace {
@@ -22,6 +23,16 @@ const std::string kRawWriteOut =
     "\n"
     "\nFlash write complete.\n"
     "\nBrivlo done\n";
+
+// What printUsage writes on standard error for the real program's name; its
+// text is held by tests/app's usage test.
+std::string usageText() {
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    command_line::printUsage(BRIVLO_BIN);
+    testing::internal::GetCapturedStdout();
+    return testing::internal::GetCapturedStderr();
+}
 
 enum class Usage { None, Printed };
 enum class StatusFile { Kept, Removed };
@@ -53,7 +64,7 @@ TEST_P(CommandLine, ExitStatusMessagesAndStatusFile) {
     const bool usage = c.usage == Usage::Printed;
     EXPECT_EQ(r.status, c.status);
     EXPECT_EQ(r.out, (usage ? "Brivlo \n" : "") + c.out);
-    EXPECT_EQ(r.err, c.errBeforeUsage + (usage ? e2e::usageText(BRIVLO_BIN) : ""));
+    EXPECT_EQ(r.err, c.errBeforeUsage + (usage ? usageText() : ""));
     if (c.statusFile == StatusFile::Removed) {
         EXPECT_FALSE(board.statusExists());
     } else {
@@ -64,71 +75,32 @@ TEST_P(CommandLine, ExitStatusMessagesAndStatusFile) {
     }
 }
 
+// A few runs of the real program for each way out; the grammar's own table
+// is tests/app's.
 const CommandCase kCommandCases[] = {
     // Usage and help: 5; help keeps the status file, too few arguments remove it.
     {"HelpAlone", {"-?"}, 5, "", "", Usage::Printed, StatusFile::Kept},
-    {"LongHelpAfterPositionals", {"x", "y", "z", "--help"}, 5, "", "", Usage::Printed, StatusFile::Kept},
-    {"NoArguments", {}, 5, "", "", Usage::Printed, StatusFile::Removed},
     {"TwoPositionals", {"a", "b"}, 5, "", "", Usage::Printed, StatusFile::Removed},
-    // The argument count includes options: "-O" here stands as the partition.
-    {"OptionCountsAsPositional", {"a", "b", "-O"}, 6, "",
-     "main: Error - file is not of type qim or missing partition name\n", Usage::None, StatusFile::Removed},
-
-    // Invalid -O / -A identifiers: 5 with usage, the status file stays.
     {"InvalidModelOverride", {"local", kImage, "fpga", "-O", "zz"}, 5, "", "main: Invalid Model ID\n",
      Usage::Printed, StatusFile::Kept},
-    {"InvalidMfgcOverride", {"local", kImage, "fpga", "-A", "0011"}, 5, "", "main: Invalid Manf ID\n",
-     Usage::Printed, StatusFile::Kept},
-    {"InvalidOverrideStopsBeforeStatusQuery", {"-O", "zz", "-S"}, 5, "", "main: Invalid Model ID\n",
-     Usage::Printed, StatusFile::Kept},
-
-    // -K: without a key file like an invalid override; an unusable key file
-    // ends the run with 14 before anything is read or flashed.
-    {"KeyWithoutFile", {"local", kImage, "fpga", "-K"}, 5, "", "main: -K needs a public key file\n",
-     Usage::Printed, StatusFile::Kept},
-    {"KeyFileMissing", {"local", kImage, "fpga", "-K", "/nowhere/k.pub"}, 14, "",
-     "Release key /nowhere/k.pub cannot be used: file not found\n", Usage::None, StatusFile::Removed},
-
-    // Valid overrides in every documented position; no effect on a raw image.
-    {"BothOverridesValid",
-     {"local", kImage, "fpga", "-O", "0x0011223344556677", "-A", "8899aabbccddeeff"}, 0, kRawWriteOut,
-     "main: Model ID override valid\nmain: Manf ID override valid\n", Usage::None, StatusFile::Removed},
-    {"ModelOverrideLast", {"local", kImage, "fpga", "-O"}, 0, kRawWriteOut, "", Usage::None,
-     StatusFile::Removed},
-    {"MfgcOverrideLast", {"local", kImage, "fpga", "-A"}, 0, kRawWriteOut, "", Usage::None,
-     StatusFile::Removed},
-    {"ModelOverrideFollowedByMfgcOverride", {"local", kImage, "fpga", "-O", "-A", "0011223344556677"}, 0,
-     kRawWriteOut, "main: Manf ID override valid\n", Usage::None, StatusFile::Removed},
-    {"MfgcOverrideFollowedByModelOverride", {"local", kImage, "fpga", "-A", "-O"}, 0, kRawWriteOut, "",
-     Usage::None, StatusFile::Removed},
-
-    // -S after an override without identifier, or after a valid one, still
-    // queries; the query answers 1 for "status=1" and removes nothing.
-    {"ModelOverrideFollowedByStatusQuery", {"local", kImage, "fpga", "-O", "-S"}, 1, "", "", Usage::None,
-     StatusFile::Kept},
-    {"MfgcOverrideFollowedByStatusQuery", {"-A", "-S"}, 1, "", "", Usage::None, StatusFile::Kept},
+    // -S after a valid override queries: 1 for "status=1", nothing removed.
     {"StatusQueryAfterValidOverride", {"-O", "0011223344556677", "-S"}, 1, "",
      "main: Model ID override valid\n", Usage::None, StatusFile::Kept},
-
-    // Neither a partition nor a package: 6.
     {"UnknownPartition", {"local", kImage, "nosuchpart"}, 6, "",
      "main: Error - file is not of type qim or missing partition name\n", Usage::None, StatusFile::Removed},
-    {"PackageExtensionIsCaseSensitive", {"local", "/nowhere/fw.QIM", "qim"}, 6, "",
-     "main: Error - file is not of type qim or missing partition name\n", Usage::None, StatusFile::Removed},
-    {"PartitionNamesAreCaseSensitive", {"local", kImage, "Image"}, 6, "",
-     "main: Error - file is not of type qim or missing partition name\n", Usage::None, StatusFile::Removed},
-
-    // A model identifier in place of the partition that does not parse: 4.
     {"ModelArgumentNotHex", {"local", "/nowhere/fw.qim", "nothex"}, 4, "",
      "main: Invalid argument \"nothex\"\n", Usage::Printed, StatusFile::Removed},
-
-    // Raw images end with 0 even when nothing could be written.
+    // -K: an unusable key file ends the run with 14 before anything is read.
+    {"KeyFileMissing", {"local", kImage, "fpga", "-K", "/nowhere/k.pub"}, 14, "",
+     "Release key /nowhere/k.pub cannot be used: file not found\n", Usage::None, StatusFile::Removed},
+    // Raw images end with 0 even when nothing could be written; overrides
+    // have no effect on them.
     {"RawImageCannotBeOpened", {"local", "/nowhere/x.bin", "fpga"}, 0, "\nBrivlo done\n",
      "Error reading from file /nowhere/x.bin\n", Usage::None, StatusFile::Removed},
-    {"UnknownProtocolReadsLocally", {"ftp://10.1.2.3:69", kImage, "fpga"}, 0, kRawWriteOut, "", Usage::None,
+    {"BothOverridesValid",
+     {"ftp://10.1.2.3:69", kImage, "fpga", "-O", "0x0011223344556677", "-A", "8899aabbccddeeff"}, 0,
+     kRawWriteOut, "main: Model ID override valid\nmain: Manf ID override valid\n", Usage::None,
      StatusFile::Removed},
-    {"LocalWordAnywhereMeansNoDownload", {"tftp://127.0.0.1:1", kImage, "fpga", "local"}, 0, kRawWriteOut,
-     "", Usage::None, StatusFile::Removed},
 };
 
 INSTANTIATE_TEST_SUITE_P(Table, CommandLine, ::testing::ValuesIn(kCommandCases),

@@ -13,7 +13,8 @@
 namespace flashsim {
 
 constexpr char kBoardMagic[8] = {'F', 'S', 'I', 'M', 'B', 'R', 'D', '1'};
-constexpr uint32_t kBoardVersion = 2;
+constexpr uint32_t kBoardVersion = 3;
+constexpr size_t kMaxBadBlocks = 32;  // bad blocks a partition can remember
 constexpr size_t kMaxParts = 48;
 constexpr size_t kNameSize = 32;  // partition name, NUL included
 
@@ -35,6 +36,13 @@ enum FaultBits : uint32_t {
     kFaultLock = 1u << 3,     // MEMLOCKCTL lock=1 fails with EIO
 };
 constexpr uint32_t kNoBlock = 0xFFFFFFFFu;
+
+// The kind of chip a partition sits on (PartRecord::type): MEMGETINFO's
+// type, and whether the partition knows bad blocks.
+enum ChipType : uint32_t {
+    kChipNor = 0,
+    kChipNand = 1,
+};
 
 // Which lock requests the board's kernel and flash driver answer
 // (BoardRecord::lockRequests).
@@ -71,9 +79,19 @@ struct PartRecord {
     uint32_t eraseFailBlock;  // an erase covering this block fails with EIO (kNoBlock: none)
     uint32_t eraseDelayMs;    // every erased block takes this long (0: at once)
     uint32_t writesize;       // MEMGETINFO's write unit; above 1, writes must be whole units (0 refuses all)
-    uint32_t reserved;
+    uint32_t type;            // ChipType
     uint64_t shortWriteAt;  // the write whose number (Counters::writes after it) is this is short; 0: none
     uint64_t failWriteAt;   // likewise, but fails with EIO
+    uint64_t dropWriteAt;   // likewise, but answers success and stores nothing
+    // The flash operation (erase or write; Counters::erases + writes after it)
+    // whose number is this is done half way, then the program is killed: a
+    // power cut. 0: none.
+    uint64_t powerCutAt;
+    uint32_t wornEraseBlock;  // the next erase of this block fails with EIO (kNoBlock: none)
+    uint32_t badCount;        // entries used in badBlocks (NAND only)
+    uint32_t badBlocks[kMaxBadBlocks];  // blocks marked bad, in the order they were marked
+    uint32_t eccCorrected;    // ECCGETSTATS counters
+    uint32_t eccFailed;
     Counters count;
 };
 
@@ -92,6 +110,13 @@ struct BoardRecord {
     // ENOSPC. 0: no limit.
     uint64_t tmpSize;
 };
+
+inline bool isBadBlock(const PartRecord& p, uint64_t block) {
+    for (uint32_t i = 0; i < p.badCount && i < kMaxBadBlocks; ++i) {
+        if (p.badBlocks[i] == block) return true;
+    }
+    return false;
+}
 
 // Returns null when `data` (of `length` bytes) is a usable board record,
 // otherwise the reason it is not.

@@ -15,6 +15,9 @@ constexpr uint32_t kMemErase = 0x40084D02u;    // MEMERASE, struct erase_info_us
 constexpr uint32_t kMemLockCtl = 0xC00C4D41u;  // platform driver: struct MtdLockCtl (in/out)
 constexpr uint32_t kMemLock = 0x40084D05u;    // mainline MEMLOCK, struct erase_info_user (in)
 constexpr uint32_t kMemUnlock = 0x40084D06u;  // mainline MEMUNLOCK, struct erase_info_user (in)
+constexpr uint32_t kMemGetBadBlock = 0x40084D0Bu;  // MEMGETBADBLOCK, loff_t offset (in): 1 bad, 0 good
+constexpr uint32_t kMemSetBadBlock = 0x40084D0Cu;  // MEMSETBADBLOCK, loff_t offset (in)
+constexpr uint32_t kEccGetStats = 0x80104D12u;     // ECCGETSTATS, struct mtd_ecc_stats (out)
 constexpr uint32_t kPhyRequest = 0x89F5u;      // SIOCDEVPRIVATE + 5 on "eth0": uint16 at ifr_data
 
 // The platform flash driver's lock-control argument: 12 bytes in the
@@ -33,11 +36,16 @@ static_assert(MEMGETINFO == kMemGetInfo, "MEMGETINFO number");
 static_assert(MEMERASE == kMemErase, "MEMERASE number");
 static_assert(_IOWR('M', 0x41, MtdLockCtl) == kMemLockCtl, "MEMLOCKCTL number");
 static_assert(MEMLOCK == kMemLock && MEMUNLOCK == kMemUnlock, "mainline lock request numbers");
+static_assert(MEMGETBADBLOCK == kMemGetBadBlock && MEMSETBADBLOCK == kMemSetBadBlock, "bad block request numbers");
+static_assert(ECCGETSTATS == kEccGetStats && sizeof(mtd_ecc_stats) == 16, "ECCGETSTATS number");
 static_assert(SIOCDEVPRIVATE + 5 == kPhyRequest, "PHY request number");
 
-// What MEMGETINFO reports for every simulated partition: NOR flash (the
-// write size is the partition's own, 1 unless init gave another).
+// What MEMGETINFO reports for a simulated partition: NOR flash unless init
+// made it NAND (the write size is the partition's own, 1 unless init gave
+// another).
 constexpr uint8_t kMtdType = MTD_NORFLASH;
 constexpr uint32_t kMtdFlags = MTD_CAP_NORFLASH;
+constexpr uint8_t kMtdTypeNand = MTD_NANDFLASH;
+constexpr uint32_t kMtdFlagsNand = MTD_CAP_NANDFLASH;
 
 }  // namespace flashsim

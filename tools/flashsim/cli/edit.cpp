@@ -94,6 +94,9 @@ int commandFault(const Args& args) {
     p.eraseDelayMs = changed.eraseDelayMs;
     p.shortWriteAt = changed.shortWriteAt;
     p.failWriteAt = changed.failWriteAt;
+    p.dropWriteAt = changed.dropWriteAt;
+    p.wornEraseBlock = changed.wornEraseBlock;
+    p.powerCutAt = changed.powerCutAt;
     return 0;
 }
 

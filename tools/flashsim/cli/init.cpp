@@ -24,6 +24,8 @@ struct PartPlan {
     bool sizeGiven;   // by --part; a default size is rounded up to whole erase blocks
     bool eraseGiven;  // by --part; otherwise --erase-size applies
     bool locked;
+    bool nand = false;
+    std::vector<uint32_t> bad;  // factory bad blocks (NAND only)
 };
 
 struct FaultPlan {
@@ -81,7 +83,7 @@ void planPart(InitPlan& plan, const std::string& text) {
     const size_t colon = geometry.find(':');
     PartPlan* p = findPlan(plan, name);
     if (p == nullptr) {
-        plan.parts.push_back(PartPlan{name, 0, 0, 1, true, false, false});
+        plan.parts.push_back(PartPlan{name, 0, 0, 1, true, false, false, false, {}});
         p = &plan.parts.back();
     }
     p->size = static_cast<uint32_t>(parseNumber(geometry.substr(0, colon), "size", UINT32_MAX, true));
@@ -114,7 +116,7 @@ InitPlan readPlan(const Args& args) {
     InitPlan plan;
     for (size_t i = 0; i < kDefaultPartitionCount; ++i) {
         const DefaultPartition& d = kDefaultPartitions[i];
-        plan.parts.push_back(PartPlan{d.name, d.size, kDefaultEraseSize, 1, false, false, d.locked});
+        plan.parts.push_back(PartPlan{d.name, d.size, kDefaultEraseSize, 1, false, false, d.locked, false, {}});
     }
     const uint32_t local = qim_local_device_code();
     plan.cap.identity.version = 17;
@@ -159,6 +161,15 @@ InitPlan readPlan(const Args& args) {
             }
         } else if (name == "--fault") {
             planFault(plan, in.value());
+        } else if (name == "--nand") {
+            existingPlan(plan, in.value()).nand = true;
+        } else if (name == "--bad") {
+            // --bad NAME:BLOCK
+            const std::string v = in.value();
+            const size_t colon = v.rfind(':');
+            if (colon == std::string::npos) throw UsageError("--bad wants NAME:BLOCK, not '" + v + "'");
+            existingPlan(plan, v.substr(0, colon))
+                .bad.push_back(static_cast<uint32_t>(parseNumber(v.substr(colon + 1), "bad block", kNoBlock - 1)));
         } else if (name == "--tmp-size") {
             plan.tmpSize = parseNumber(in.value(), "tmp size", UINT64_MAX, true);
         } else if (name == "--no-cap") {
@@ -221,6 +232,16 @@ BoardRecord buildRecord(InitPlan& plan) {
         r.writesize = p.writesize;
         r.locked = p.locked ? 1 : 0;
         r.eraseFailBlock = kNoBlock;
+        r.wornEraseBlock = kNoBlock;
+        r.type = p.nand ? kChipNand : kChipNor;
+        if (!p.bad.empty() && !p.nand) throw UsageError("--bad: partition " + p.name + " is not NAND (--nand " + p.name + ")");
+        if (p.bad.size() > kMaxBadBlocks) throw UsageError("--bad: at most " + std::to_string(kMaxBadBlocks) + " per partition");
+        for (const uint32_t block : p.bad) {
+            if (p.erasesize == 0 || uint64_t{block} * p.erasesize >= p.size) {
+                throw UsageError("--bad: block " + std::to_string(block) + " is not in partition " + p.name);
+            }
+            if (!isBadBlock(r, block)) r.badBlocks[r.badCount++] = block;
+        }
     }
     for (const FaultPlan& f : plan.faults) {
         const int index = findPart(record, f.part.c_str(), f.part.size());

@@ -71,7 +71,8 @@ qim_id parseId(const std::string& text, const std::string& what) {
 }
 
 void applyFault(PartRecord& part, const std::string& kind, const std::string& arg, bool hasArg) {
-    const bool needsArg = kind == "erase" || kind == "short-write" || kind == "fail-write" || kind == "slow-erase";
+    const bool needsArg = kind == "erase" || kind == "short-write" || kind == "fail-write" || kind == "slow-erase" ||
+                          kind == "drop-write" || kind == "worn-erase" || kind == "power-cut";
     if (needsArg != hasArg) {
         throw UsageError("fault " + kind + (needsArg ? " needs an argument" : " takes no argument"));
     }
@@ -87,19 +88,30 @@ void applyFault(PartRecord& part, const std::string& kind, const std::string& ar
         part.eraseFailBlock = static_cast<uint32_t>(parseNumber(arg, "erase block", kNoBlock - 1));
     } else if (kind == "slow-erase") {
         part.eraseDelayMs = static_cast<uint32_t>(parseNumber(arg, "milliseconds per block", 60000));
-    } else if (kind == "short-write" || kind == "fail-write") {
+    } else if (kind == "short-write" || kind == "fail-write" || kind == "drop-write") {
         const uint64_t n = parseNumber(arg, "write number", UINT32_MAX);
         if (n == 0) throw UsageError("write number counts from 1 (the next write)");
-        (kind == "short-write" ? part.shortWriteAt : part.failWriteAt) = part.count.writes + n;
+        (kind == "short-write" ? part.shortWriteAt : kind == "fail-write" ? part.failWriteAt : part.dropWriteAt) =
+            part.count.writes + n;
+    } else if (kind == "worn-erase") {
+        part.wornEraseBlock = static_cast<uint32_t>(parseNumber(arg, "erase block", kNoBlock - 1));
+    } else if (kind == "power-cut") {
+        const uint64_t n = parseNumber(arg, "operation number", UINT32_MAX);
+        if (n == 0) throw UsageError("operation number counts from 1 (the next erase or write)");
+        part.powerCutAt = part.count.erases + part.count.writes + n;
     } else if (kind == "clear") {
         part.faults = 0;
         part.eraseFailBlock = kNoBlock;
         part.eraseDelayMs = 0;
         part.shortWriteAt = 0;
         part.failWriteAt = 0;
+        part.dropWriteAt = 0;
+        part.powerCutAt = 0;
+        part.wornEraseBlock = kNoBlock;
     } else {
         throw UsageError("unknown fault '" + kind +
-                                 "' (open, getinfo, erase BLOCK, slow-erase MS, unlock, lock, short-write N, fail-write N, clear)");
+                         "' (open, getinfo, erase BLOCK, slow-erase MS, unlock, lock, short-write N, fail-write N, "
+                         "drop-write N, worn-erase BLOCK, power-cut N, clear)");
     }
 }
 
@@ -114,6 +126,9 @@ std::string describeFaults(const PartRecord& part) {
     if (part.faults & kFaultLock) add("lock");
     if (part.shortWriteAt != 0) add("short-write@" + std::to_string(part.shortWriteAt));
     if (part.failWriteAt != 0) add("fail-write@" + std::to_string(part.failWriteAt));
+    if (part.dropWriteAt != 0) add("drop-write@" + std::to_string(part.dropWriteAt));
+    if (part.wornEraseBlock != kNoBlock) add("worn-erase=" + std::to_string(part.wornEraseBlock));
+    if (part.powerCutAt != 0) add("power-cut@" + std::to_string(part.powerCutAt));
     return out.empty() ? "none" : out;
 }
 

@@ -48,8 +48,13 @@ void printPartition(const BoardDir& board, int part) {
     const Counters& c = p.count;
     // The write unit is shown only where it is not the NOR default of 1.
     const std::string unit = p.writesize == 1 ? std::string() : " writesize=" + std::to_string(p.writesize);
-    std::printf("partition %s size=%" PRIu32 " erasesize=%" PRIu32 "%s locked=%s\n", p.name, p.size, p.erasesize,
-                unit.c_str(), p.locked ? "yes" : "no");
+    std::printf("partition %s size=%" PRIu32 " erasesize=%" PRIu32 "%s locked=%s%s\n", p.name, p.size, p.erasesize,
+                unit.c_str(), p.locked ? "yes" : "no", p.type == kChipNand ? " nand" : "");
+    if (p.type == kChipNand) {
+        std::string bad;
+        for (uint32_t i = 0; i < p.badCount && i < kMaxBadBlocks; ++i) bad += " " + std::to_string(p.badBlocks[i]);
+        std::printf("  bad%s\n", bad.empty() ? " none" : bad.c_str());
+    }
     std::printf("  counters opens=%" PRIu64 " closes=%" PRIu64 " getinfo=%" PRIu64 " erases=%" PRIu64 " erased=%" PRIu64
                 " writes=%" PRIu64 " bytes=%" PRIu64 " corrupt=%" PRIu64 " locks=%" PRIu64 " unlocks=%" PRIu64
                 " errors=%" PRIu64 "\n",

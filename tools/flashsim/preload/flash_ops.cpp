@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
+#include <csignal>
 #include <ctime>
 #include <net/if.h>
 #include <unistd.h>
@@ -149,6 +150,31 @@ int fail(PartRecord& p, LogLine& line, int error) {
     return -1;
 }
 
+// Whether the flash operation just counted (an erase or a write) is the one
+// a power cut stops.
+bool cutNow(const PartRecord& p) {
+    return p.powerCutAt != 0 && p.count.erases + p.count.writes == p.powerCutAt;
+}
+
+// The power goes: the operation has done `done` of its `length` bytes and
+// the program dies where it stands.
+[[noreturn]] void powerCut(PartRecord& p, const char* op, uint64_t offset, uint64_t length, uint64_t done) {
+    LogLine line("power-cut", p.name);
+    line.text("op", op).number("offset", offset).number("length", length).number("done", done).emit();
+    for (;;) {
+        ::kill(::getpid(), SIGKILL);
+    }
+}
+
+// The first block of [first, end) whose erase fails: an injected erase
+// fault, a worn block, or (NAND) a block marked bad. kNoBlock: none.
+uint64_t failingEraseBlock(const PartRecord& p, uint64_t first, uint64_t end) {
+    for (uint64_t block = first; block < end; ++block) {
+        if (block == p.eraseFailBlock || block == p.wornEraseBlock || isBadBlock(p, block)) return block;
+    }
+    return kNoBlock;
+}
+
 int getInfo(PartRecord& p, void* arg) {
     bump(p.count.getinfo);
     LogLine line("getinfo", p.name);
@@ -156,12 +182,14 @@ int getInfo(PartRecord& p, void* arg) {
     if (arg == nullptr) return fail(p, line, EFAULT);
     mtd_info_user info;
     std::memset(&info, 0, sizeof info);
-    info.type = kMtdType;
-    info.flags = kMtdFlags;
+    const bool nand = p.type == kChipNand;
+    info.type = nand ? kMtdTypeNand : kMtdType;
+    info.flags = nand ? kMtdFlagsNand : kMtdFlags;
     info.size = p.size;
     info.erasesize = p.erasesize;
     info.writesize = p.writesize;
-    info.oobsize = 0;
+    // A NAND page carries 1/32 of its size as spare area.
+    info.oobsize = nand ? p.writesize / 32 : 0;
     std::memcpy(arg, &info, sizeof info);
     line.result(0, 0).number("size", p.size).number("erasesize", p.erasesize).emit();
     return 0;
@@ -183,13 +211,20 @@ int erase(const TrackedFd& t, PartRecord& p, const void* arg) {
         return fail(p, line, EINVAL);
     }
     if (t.accessMode == O_RDONLY || isLocked(p)) return fail(p, line, EPERM);
-    // Blocks are erased in order; an injected failure stops at its block.
+    // Blocks are erased in order; a failing block stops the erase there.
     uint64_t stop = end;
-    const bool injected = p.eraseFailBlock != kNoBlock && uint64_t{p.eraseFailBlock} * es >= request.start &&
-                          uint64_t{p.eraseFailBlock} * es < end;
-    if (injected) stop = uint64_t{p.eraseFailBlock} * es;
+    const uint64_t failing = failingEraseBlock(p, request.start / es, end / es);
+    const bool injected = failing != kNoBlock;
+    if (injected) stop = failing * es;
+    // A worn block fails once; what becomes of it is the program's business.
+    if (injected && failing == p.wornEraseBlock) p.wornEraseBlock = kNoBlock;
     eraseDelay((stop - request.start) / es, p.eraseDelayMs);
     PrivateFd fd(t.part);
+    if (cutNow(p)) {
+        const uint64_t half = (stop - request.start) / 2;
+        if (fd.get() >= 0) fillErased(fd.get(), request.start, half);
+        powerCut(p, "erase", request.start, request.length, half);
+    }
     if (fd.get() < 0 || !fillErased(fd.get(), request.start, stop - request.start)) return fail(p, line, EIO);
     bump(p.count.erased, stop - request.start);
     if (injected) return fail(p, line, EIO);
@@ -235,6 +270,49 @@ int mainlineLock(const TrackedFd& t, PartRecord& p, bool lock, const void* arg) 
     if (p.faults & (lock ? kFaultLock : kFaultUnlock)) return fail(p, line, EIO);
     __atomic_store_n(&p.locked, lock ? 1u : 0u, __ATOMIC_RELAXED);
     line.result(0, 0).emit();
+    return 0;
+}
+
+// MEMGETBADBLOCK and MEMSETBADBLOCK take the offset of a block. A NOR chip
+// has no bad blocks: the kernel answers "good" and refuses to mark one.
+int badBlock(const TrackedFd& t, PartRecord& p, bool mark, const void* arg) {
+    LogLine line(mark ? "markbad" : "isbad", p.name);
+    if (arg == nullptr) return fail(p, line, EFAULT);
+    int64_t offset = 0;
+    std::memcpy(&offset, arg, sizeof offset);
+    line.number("offset", static_cast<uint64_t>(offset < 0 ? 0 : offset));
+    if (mark && t.accessMode == O_RDONLY) return fail(p, line, EPERM);
+    if (offset < 0 || static_cast<uint64_t>(offset) >= p.size || p.erasesize == 0) return fail(p, line, EINVAL);
+    const uint32_t block = static_cast<uint32_t>(static_cast<uint64_t>(offset) / p.erasesize);
+    if (p.type != kChipNand) {
+        if (mark) return fail(p, line, EOPNOTSUPP);
+        line.result(0, 0).emit();
+        return 0;
+    }
+    if (!mark) {
+        const int bad = isBadBlock(p, block) ? 1 : 0;
+        line.result(bad, 0).emit();
+        return bad;
+    }
+    if (!isBadBlock(p, block)) {
+        if (p.badCount >= kMaxBadBlocks) return fail(p, line, EIO);
+        p.badBlocks[p.badCount] = block;
+        __atomic_add_fetch(&p.badCount, 1, __ATOMIC_RELAXED);
+    }
+    line.result(0, 0).emit();
+    return 0;
+}
+
+int eccStats(PartRecord& p, void* arg) {
+    LogLine line("eccstats", p.name);
+    if (arg == nullptr) return fail(p, line, EFAULT);
+    mtd_ecc_stats stats;
+    std::memset(&stats, 0, sizeof stats);
+    stats.corrected = p.eccCorrected;
+    stats.failed = p.eccFailed;
+    stats.badblocks = p.badCount;
+    std::memcpy(arg, &stats, sizeof stats);
+    line.result(0, 0).number("corrected", stats.corrected).number("failed", stats.failed).emit();
     return 0;
 }
 
@@ -332,23 +410,39 @@ static ssize_t writePartitionImpl(const TrackedFd& t, const void* data, size_t l
     if (p.failWriteAt == number) return fail(p, line, EIO);
     size_t n = 0;
     uint64_t corrupt = 0;
+    bool dropped = false;
     if (length > 0) {
         // As the MTD character device: no room at all is an error, a write
         // that runs past the end is shortened.
         if (static_cast<uint64_t>(offset) >= p.size) return fail(p, line, ENOSPC);
         const uint64_t room = p.size - static_cast<uint64_t>(offset);
         n = length < room ? length : static_cast<size_t>(room);
+        if (p.erasesize != 0) {
+            for (uint64_t b = static_cast<uint64_t>(offset) / p.erasesize; b <= (offset + n - 1) / p.erasesize; ++b) {
+                if (isBadBlock(p, b)) return fail(p, line, EIO);
+            }
+        }
         if (p.shortWriteAt == number) n /= 2;
         PrivateFd fd(t.part);
-        if (fd.get() < 0 || !program(fd.get(), static_cast<uint64_t>(offset), static_cast<const unsigned char*>(data), n,
-                                     corrupt)) {
+        if (cutNow(p)) {
+            if (fd.get() >= 0) {
+                program(fd.get(), static_cast<uint64_t>(offset), static_cast<const unsigned char*>(data), n / 2, corrupt);
+            }
+            powerCut(p, "write", static_cast<uint64_t>(offset), length, n / 2);
+        }
+        // A dropped write answers as if it had stored everything.
+        dropped = p.dropWriteAt == number;
+        if (!dropped && (fd.get() < 0 || !program(fd.get(), static_cast<uint64_t>(offset),
+                                                  static_cast<const unsigned char*>(data), n, corrupt))) {
             return fail(p, line, EIO);
         }
     }
     if (at == nullptr) real().lseek64(t.fd, offset + static_cast<int64_t>(n), SEEK_SET);
-    bump(p.count.bytes, n);
+    if (!dropped) bump(p.count.bytes, n);
     bump(p.count.corrupt, corrupt);
-    line.result(static_cast<long long>(n), 0).number("corrupt", corrupt).emit();
+    line.result(static_cast<long long>(n), 0).number("corrupt", corrupt);
+    if (dropped) line.text("dropped", "yes");
+    line.emit();
     return static_cast<ssize_t>(n);
 }
 
@@ -383,6 +477,9 @@ static int ioctlPartitionImpl(const TrackedFd& t, uint32_t request, void* arg) {
         case kMemUnlock:
             if (mainline) return mainlineLock(t, p, request == kMemLock, arg);
             break;
+        case kMemGetBadBlock:
+        case kMemSetBadBlock: return badBlock(t, p, request == kMemSetBadBlock, arg);
+        case kEccGetStats: return eccStats(p, arg);
         default: break;
     }
     // A request this kernel and driver do not know.
