@@ -7,12 +7,14 @@
 # scripts/real-kernel/scenarios.sh on each:
 #   nand  the kernel's NAND simulator (nandsim): 2 KiB pages, 128 KiB erase
 #         blocks, one chip split into the partitions, one block marked bad;
+#         later loaded again with other faults (bad blocks, failing erase and
+#         program, bit flips, a page that reads back garbage);
 #   nor   phram (write size 1, 64 KiB erase blocks) over RAM the kernel leaves
 #         alone (mem=), built here out of tree from Debian's kernel source.
 # Downloads go to the host's in.tftpd on a loopback port and to qemu's own TFTP
 # server, both reached from the guest as 10.0.2.2 through qemu's user-mode
-# network. Prints one PASS/FAIL line per scenario, the flashcp comparison, and
-# "N passed, N failed"; exits 1 on any failure.
+# network. Prints one PASS/FAIL line per scenario, the flashcp comparisons,
+# the erases of brivlo -D, and "N passed, N failed"; exits 1 on any failure.
 #
 # Run as root (it installs qemu-system-arm and the cross compiler with
 # scripts/deps.sh). Downloads and builds are kept in build/kernel (or

@@ -341,13 +341,14 @@ s_split_bad() {
 # A block whose erase fails (boot's 2nd): marked bad, its data in the next one.
 s_weak_block() {
   run local /data/odd.bin boot && status_is 0 && done_ok && logged "erase failure in erase block $WEAK_BLOCK" &&
-    good_is boot /data/odd.bin && bad_are boot 1
+    err_has "Block 1 of flash partition 'boot' failed, marked bad" && good_is boot /data/odd.bin && bad_are boot 1
 }
 # A page whose program fails (the 6th of userarea's 2nd block): the block is
 # marked bad and its data goes into the next one.
 s_weak_page() {
   run local /data/ua.bin userarea && status_is 0 && done_ok && logged "write failure in page $WEAK_PAGE" &&
-    good_is userarea /data/ua.bin && bad_are userarea 1
+    err_has "Block 1 of flash partition 'userarea' failed, marked bad" && good_is userarea /data/ua.bin &&
+    bad_are userarea 1
 }
 # Random bit flips on reading, one at a time: the ECC corrects them and the
 # upgrade succeeds. A flip hits about one page read in 1024; brivlo reads the
@@ -368,8 +369,8 @@ s_grave_page() {
   run local /data/pkg-nand.qim qim
   [ "$RC" -ne 0 ] || fail "exit status 0 ($(tail -n 1 /tmp/out))" || return 1
   ! grep -q "Brivlo done" /tmp/out || fail "said Brivlo done" || return 1
-  logged "read error in page $GRAVE_PAGE" && grep -q "Failed to write QIM file. Exiting." /tmp/out /tmp/err ||
-    fail "no 'Failed to write QIM file. Exiting.'"
+  logged "read error in page $GRAVE_PAGE" && err_has "Error verifying flash partition 'fpga' at offset" &&
+    { grep -q "Failed to write QIM file. Exiting." /tmp/out /tmp/err || fail "no 'Failed to write QIM file. Exiting.'"; }
 }
 
 run_nand_faults() {
