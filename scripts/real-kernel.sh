@@ -134,8 +134,7 @@ random exact.bin $mib          # as large as the partition "config"
 random big.bin $((mib + 1))    # one byte more
 random lic.bin $((100 * kib))
 random tftp.bin $((300 * kib))
-random ua-pattern.bin $((200 * kib))
-random ua.bin $((600 * kib))   # reaches the bad block (the 4th of "userarea")
+random ua.bin $((600 * kib))   # across the bad block (the 4th of "userarea")
 random big4m.bin $((4 * mib))
 random fpga-part.bin $((768 * kib))
 random config-part.bin $((64 * kib))
