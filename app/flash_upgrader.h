@@ -8,7 +8,7 @@
 //   partitions.cpp       partition name tables and their four lookups
 //   flash_writer.cpp     writeImageToFlash, writeToFlash
 //   kernel_rootfs.cpp    eraseAndWriteKernelRootFs
-//   download.cpp         downloadFile, tftpRequestCallback
+//   download.cpp         downloadFile, downloadSignature, tftpRequestCallback
 //   package_flasher.cpp  flashQimFile, loadAndCheckQimFile, writeQimToFlash
 //   compatibility.cpp    parseCapabilityForIds, extractLinuxVerFromQim,
 //                        getEthernetPhyId, validateFirmwareSupport
@@ -24,6 +24,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <sys/types.h>
 #include <string>
 
 #include "qim/qim_id.h"
@@ -109,14 +111,15 @@ public:
     int validateFirmwareSupport(qim_package* package);
 
     // Fetches `remoteName` from host:port ("69" when empty) into /tmp/flashit.
-    // 0 on success, else a code; ends the process with exit status 255 when
-    // the server address cannot be resolved.
+    // 0 on success, ZEL_INTERRUPTED when a stop signal arrived, else a code;
+    // ends the process with exit status 255 when the server address cannot
+    // be resolved.
     int downloadFile(const std::string& host, const std::string& port, const std::string& remoteName);
     // Fetches the detached signature "<remoteName>.minisig" of the firmware
     // file `remoteName` from host:port into `text`
     // (at most QIM_SIGNATURE_TEXT_MAX bytes), after the firmware download,
-    // without a file. 0; exit_status::kSignatureRefused after
-    // printing why there is no signature.
+    // without a file. 0; ZEL_INTERRUPTED when a stop signal arrived;
+    // exit_status::kSignatureRefused after printing why there is no signature.
     int downloadSignature(const std::string& host, const std::string& port, const std::string& remoteName,
                           std::string* text);
     // The TFTP client's callback; finds its FlashUpgrader through the client's
@@ -137,6 +140,54 @@ public:
     int verifyRelease(int fd);
 
 private:
+    // One TFTP read request (download.cpp). New request options go here.
+    struct TransferRequest {
+        std::string host;
+        std::string port;  // empty: the TFTP default port
+        std::string remoteName;
+        // Null: into the download file, announced on standard output.
+        // Otherwise into this buffer, which keeps at most `limit` bytes.
+        std::string* memory = nullptr;
+        std::size_t limit = 0;
+    };
+    // How runTransfer ended. Every failure but kRequestFailed (which the
+    // callback reports) leaves its text in errorText.
+    enum class TransferEnd {
+        kDone,
+        kUnresolved,     // the server address cannot be resolved
+        kNotOpened,      // the download file cannot be created
+        kNotStarted,     // the request cannot be started
+        kEventsFailed,   // a turn of the event loop failed
+        kRequestFailed,  // the transfer failed (timeout, ERROR packet)
+        kStopped,        // SIGINT or SIGTERM arrived
+        kNotStored,      // the file holds less than was received
+        kTooLarge,       // more than the buffer's limit was received
+    };
+    // What the request in progress shares with tftpRequestCallback and the
+    // client's writes: one object, reached through the client's context and
+    // through the stream the client writes into.
+    struct Transfer {
+        uint32_t progressTicks = 0;     // progress reports of this run; never reset
+        zel_error_t result = ZEL_SUCCESS;  // or the failed request's code
+        uint64_t bytesReceived = 0;     // of the request that completed
+        std::FILE* file = nullptr;      // destination: the download file, or
+        std::string* memory = nullptr;  // a buffer of at most `limit` bytes
+        std::size_t limit = 0;
+        int writeError = 0;  // errno of the first write that stored less than it was given
+
+        // Stores one write of the client at the destination; the bytes stored.
+        std::size_t store(const char* data, std::size_t size);
+    };
+
+    // Runs `request` to its end: resolve the server, open the destination,
+    // start the request, turn the event loop until the callback ends it or a
+    // stop signal arrives, then check that everything received is stored.
+    // `*error` is the code of a failure.
+    TransferEnd runTransfer(const TransferRequest& request, zel_error_t* error);
+    // The event loop until the request in progress ends.
+    TransferEnd turnUntilDone(zel_error_t* error);
+    static ssize_t writeToTransfer(void* cookie, const char* data, std::size_t size);
+
     // The data path of one image (flash_writer.cpp). Before anything is
     // unlocked or erased: the walk over the good blocks (NAND: the bad ones
     // are asked for and skipped), refusing an image they cannot hold, and
@@ -172,6 +223,7 @@ private:
     char errorText[ZEL_ERROR_TEXT_SIZE];
     zel_tftp_client* tftpClient;
     zel_tftp_client_request* activeRequest;
+    Transfer transfer;
     const release_signature::Release* releaseSignature = nullptr;
     bool skipUnchanged = false;
     uint32_t skippedBlocks = 0;  // by -D, over the image being written

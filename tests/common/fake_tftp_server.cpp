@@ -173,6 +173,7 @@ void FakeTftpServer::onListen() {
         if (current_ == 1 && script_.resendOnRepeat) transmit(1, false);
         return;
     }
+    if (script_.answeredRequests != 0 && ++newRequests_ > script_.answeredRequests) return;
     closeFd(transferFd_);
     uint16_t port = 0;
     transferFd_ = openBound("127.0.0.1", &port);

@@ -63,6 +63,9 @@ struct FakeTftpScript {
     // From this block on nothing is sent at all (0: never silent; 1: the read
     // request is never answered).
     uint32_t silentFromBlock = 0;
+    // Read requests from a new client port that are answered; later ones get
+    // no answer at all (0: every one).
+    uint32_t answeredRequests = 0;
     // Answer a repeated ACK k-1 (or read request) by sending block k again.
     bool resendOnRepeat = true;
     // The server thread stops by itself after this long.
@@ -127,6 +130,7 @@ private:
     int transferFd_ = -1;
     uint32_t current_ = 0;     // block being offered
     uint32_t lastBlock_ = 0;   // index of the final (short) block
+    uint32_t newRequests_ = 0; // read requests from a new client port so far
     sockaddr_in peer_{};       // the client of the current transfer
 
     mutable std::mutex mutex_;

@@ -4,11 +4,15 @@
 // status file and leaves the flash untouched (no erase, no write in the log).
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "common/fake_tftp_server.h"
 #include "common/tftpd.h"
 #include "package_fixture.h"
 
@@ -250,6 +254,34 @@ INSTANTIATE_TEST_SUITE_P(
                    "signature FILE.minisig larger than 4096 bytes\n"},
         RefuseCase{"MalformedKey", Form::kPackage, Source::kLocal, malformedKey, "cannot be used: malformed"}),
     [](const ::testing::TestParamInfo<RefuseCase>& i) { return i.param.name; });
+
+// SIGINT while the signature is fetched from a server that has stopped
+// answering ends the run at once, as during the download: nothing erased,
+// the status file gone, 128 + 2 (the stall alone would end it with 14 after
+// the client's abort time).
+TEST(SignedUpgrade, InterruptDuringStalledSignatureFetch) {
+    Board board;
+    const KeyPair key = makeKeys(board, Tool::kMinisign, "release");
+    testutil::FakeTftpScript script;
+    script.content = e2e::randomBytes(1000, 10);
+    script.answeredRequests = 1;  // the firmware; the signature's request goes unanswered
+    testutil::FakeTftpServer server(script);
+
+    auto run = board.startBrivlo(
+        {"tftp://127.0.0.1:" + std::to_string(server.port()), "fw.bin", "fpga", "-K", key.pub});
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (server.readRequests().size() < 2 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    ASSERT_EQ(server.readRequests().size(), 2u) << "no request for the signature";
+    EXPECT_EQ(server.readRequests()[1].fileName, "fw.bin.minisig");
+    run->kill(SIGINT);
+    const ProcessResult r = run->wait();
+    EXPECT_EQ(r.status, 130);
+    EXPECT_EQ(r.err, "main: Upgrade stopped by signal 2 (Interrupt)\n");
+    EXPECT_FALSE(flashTouched(board));
+    EXPECT_FALSE(board.statusExists());
+}
 
 // Without -K a signature beside the file, even a wrong one, changes nothing.
 TEST(SignedUpgrade, WithoutKeyASignatureIsNotLookedAt) {

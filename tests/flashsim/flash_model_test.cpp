@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 using flashsimtest::Lines;
 using flashsimtest::SimBoard;
 
@@ -75,7 +77,11 @@ TEST(FlashModel, FaultsFailExactlyWhereInjected) {
         {"Lock", {"lock"}, {"lockctl", "0", "0", "262144", "lockctl", "1", "0", "262144"},
          {"lockctl 0", "lockctl -1 EIO"}, "lockctl kernel lock=1 start=0 length=262144 result=-1 errno=EIO"},
         {"ShortSecondWrite", {"short-write", "2"}, {"write", "100", "0", "write", "100", "0", "write", "100", "0"},
-         {"write 100", "write 50", "write 100"}, "write kernel offset=100 length=100 result=50 corrupt=0"}};
+         {"write 100", "write 50", "write 100"}, "write kernel offset=100 length=100 result=50 corrupt=0"},
+        {"DroppedSecondWrite", {"drop-write", "2"}, {"write", "100", "0", "write", "100", "0"}, {"write 100", "write 100"},
+         "write kernel offset=100 length=100 result=100 corrupt=0 dropped=yes"},
+        {"WornBlock1FailsOnce", {"worn-erase", "1"}, {"erase", "0", "131072", "erase", "65536", "65536"},
+         {"erase -1 EIO", "erase 0"}, "erase kernel start=0 length=131072 result=-1 errno=EIO"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         SimBoard board(kSmallBoard);
@@ -86,6 +92,42 @@ TEST(FlashModel, FaultsFailExactlyWhereInjected) {
         expected.insert(expected.end(), c.expected.begin(), c.expected.end());
         EXPECT_EQ(board.client(ops), expected);
         EXPECT_EQ(board.logLines(c.logLine), Lines{c.logLine});
+    }
+}
+
+// NAND: bad blocks answered, refused and kept; ECC statistics. On NOR the
+// same requests answer as the kernel does for a chip without bad blocks.
+TEST(FlashModel, NandKnowsBadBlocksAndNorHasNone) {
+    SimBoard board({"--part", "kernel=256K:64K:2K", "--nand", "kernel", "--bad", "kernel:1", "--part",
+                    "fpga=256K:64K"});
+    EXPECT_EQ(board.client({"open", "kernel", "rw", "getinfo", "isbad", "0", "isbad", "65536", "isbad", "262144",
+                            "erase", "0", "131072", "write", "2048", "0", "seek", "65536", "write", "2048", "0",
+                            "markbad", "131072", "eccstats"}),
+              (Lines{"open 0", "getinfo 0 type=4 flags=0x400 size=262144 erasesize=65536 writesize=2048 oobsize=64",
+                     "isbad 0", "isbad 1", "isbad -1 EINVAL", "erase -1 EIO", "write 2048", "seek 65536",
+                     "write -1 EIO", "markbad 0", "eccstats 0 corrected=0 failed=0 badblocks=2 bbtblocks=0"}));
+    // Kept for the next process, and the first block of the failed erase was erased.
+    EXPECT_EQ(board.client({"open", "kernel", "rw", "isbad", "131072", "erase", "131072", "65536"}),
+              (Lines{"open 0", "isbad 1", "erase -1 EIO"}));
+    EXPECT_EQ(board.client({"open", "fpga", "rw", "isbad", "0", "markbad", "0"}),
+              (Lines{"open 0", "isbad 0", "markbad -1 EOPNOTSUPP"}));
+}
+
+// A power cut does half of the operation, then the program is gone.
+TEST(FlashModel, PowerCutHalfDoesTheOperationAndKills) {
+    for (const bool erase : {true, false}) {
+        SCOPED_TRACE(erase ? "erase" : "write");
+        SimBoard board(kSmallBoard);
+        ASSERT_EQ(board.flashsim("fill", {"kernel", "0x00"}).status, 0);
+        ASSERT_EQ(board.flashsim("fault", {"kernel", "power-cut", erase ? "1" : "2"}).status, 0);
+        Lines ops = {"--", FLASHSIM_TESTCLIENT, "open", "kernel", "rw", "erase", "0", "65536"};
+        if (!erase) ops.insert(ops.end(), {"seek", "0", "write", "100", "0x0f", "write", "100", "0"});
+        const testutil::ProcessResult r = board.flashsim("run", ops);
+        EXPECT_TRUE(r.signaled && r.status == 128 + 9) << r.status;
+        const std::vector<unsigned char> flash = board.dump("kernel");
+        EXPECT_EQ(std::count(flash.begin(), flash.end(), 0xFF), erase ? 32768 : 65536 - 50);
+        EXPECT_EQ(board.logLines("power-cut"), (Lines{erase ? "power-cut kernel op=erase offset=0 length=65536 done=32768"
+                                                            : "power-cut kernel op=write offset=0 length=100 done=50"}));
     }
 }
 

@@ -29,6 +29,9 @@ constexpr unsigned long kMemGetInfo = 0x80204D01;
 constexpr unsigned long kMemErase = 0x40084D02;
 constexpr unsigned long kMemLockCtl = 0xC00C4D41;
 constexpr unsigned long kPhyRequest = 0x89F5;
+constexpr unsigned long kMemGetBadBlock = 0x40084D0B;
+constexpr unsigned long kMemSetBadBlock = 0x40084D0C;
+constexpr unsigned long kEccGetStats = 0x80104D12;
 
 struct LockCtl {
     uint8_t lock;
@@ -39,6 +42,8 @@ struct LockCtl {
 static_assert(sizeof(LockCtl) == 12, "lock-control record");
 static_assert(sizeof(mtd_info_user) == 32 && sizeof(erase_info_user) == 8, "MTD records");
 static_assert(MEMGETINFO == kMemGetInfo && MEMERASE == kMemErase, "MTD request numbers");
+static_assert(MEMGETBADBLOCK == kMemGetBadBlock && MEMSETBADBLOCK == kMemSetBadBlock && ECCGETSTATS == kEccGetStats,
+              "NAND request numbers");
 
 // Any value a correct library leaves alone on success.
 constexpr int kErrnoSentinel = EDOM;
@@ -116,6 +121,23 @@ public:
             erase_info_user e{static_cast<uint32_t>(number(arg(1))), static_cast<uint32_t>(number(arg(2)))};
             report(op, ::ioctl(fd_, kMemErase, &e));
             return i + 3;
+        }
+        if (op == "isbad" || op == "markbad") {  // OFFSET
+            int64_t offset = static_cast<int64_t>(number(arg(1)));
+            report(op, ::ioctl(fd_, op == "isbad" ? kMemGetBadBlock : kMemSetBadBlock, &offset));
+            return i + 2;
+        }
+        if (op == "eccstats") {
+            mtd_ecc_stats stats;
+            std::memset(&stats, 0xA5, sizeof stats);
+            const int r = ::ioctl(fd_, kEccGetStats, &stats);
+            char extra[96] = "";
+            if (r >= 0) {
+                std::snprintf(extra, sizeof extra, "corrected=%u failed=%u badblocks=%u bbtblocks=%u", stats.corrected,
+                              stats.failed, stats.badblocks, stats.bbtblocks);
+            }
+            report(op, r, extra);
+            return i + 1;
         }
         if (op == "lockctl") {
             LockCtl c{static_cast<uint8_t>(number(arg(1))), {0, 0, 0}, static_cast<uint32_t>(number(arg(2))),
