@@ -193,6 +193,13 @@ private:
     // are asked for and skipped), refusing an image they cannot hold, and
     // with -D the blocks that already hold their bytes. 0 or 4.
     int prepareBlocks(FlashTarget& target, const uint8_t* image, uint32_t size);
+    // The walk alone: on NAND the bad blocks asked for; 0, or 4 after the
+    // message when the image does not fit the good blocks.
+    int placeOnGoodBlocks(FlashTarget& target, uint32_t size);
+    // The rootfs partition looked at before the kernel is erased
+    // (kernel_rootfs.cpp): its write unit, and on NAND its good blocks for
+    // `length` bytes. 0 or 4 after the message.
+    int lookAheadAtRootfs(uint32_t length);
     // Erase phase (the estimate line, a dot, a status update showing the
     // count from before the block and `*count` advanced by erasesize per
     // block, one more dot), the target's writing line, the write phase, then

@@ -140,7 +140,7 @@ int FlashUpgrader::writeImageToFlash(std::string name, uint32_t size, int isProt
     return ZEL_SUCCESS;
 }
 
-int FlashUpgrader::prepareBlocks(FlashTarget& target, const uint8_t* image, uint32_t size) {
+int FlashUpgrader::placeOnGoodBlocks(FlashTarget& target, uint32_t size) {
     const uint32_t erasesize = target.info.erasesize;
     target.nand = mtd::isNand(target.info);
     // NOR knows no bad blocks: the walk then covers the image's blocks only.
@@ -165,9 +165,15 @@ int FlashUpgrader::prepareBlocks(FlashTarget& target, const uint8_t* image, uint
                   << target.name << " (" << target.blocks.badCount() << " bad blocks)" << std::endl;
         return ZEL_INVALIDDATA;
     }
-    if (!skipUnchanged) {
-        return ZEL_SUCCESS;
+    return ZEL_SUCCESS;
+}
+
+int FlashUpgrader::prepareBlocks(FlashTarget& target, const uint8_t* image, uint32_t size) {
+    const int rc = placeOnGoodBlocks(target, size);
+    if (rc != ZEL_SUCCESS || !skipUnchanged) {
+        return rc;
     }
+    const uint32_t erasesize = target.info.erasesize;
     // -D: a block that already holds what the write would leave there (the
     // image's bytes, then 0xFF to the block's end) is left alone.
     std::vector<uint8_t> flash(erasesize);
