@@ -153,6 +153,7 @@ int runUpgrade(zel_env* env, const std::string& program, const command_line::Inv
         std::cerr << "Error initialising brivlo" << std::endl;
         return finish(exit_status::kUsage);
     }
+    upgrader->setSkipUnchanged(run.onlyChangedBlocks);
 
     bool package = false;
     const int chosen = applyTarget(*upgrader, run, program, &package);

@@ -1,6 +1,7 @@
 # Checks `cmake --install` of a built tree into a private prefix:
-#   cmake -DBUILD_DIR=<build tree> -DLIBDIR=<lib dir> -DCROSS=<bool> -P check_install.cmake
-# Expects brivlo and qimtool with their manual pages everywhere; flashsim, its
+#   cmake -DBUILD_DIR=<build tree> -DLIBDIR=<flashsim library dir> -DCROSS=<bool> -P check_install.cmake
+# Expects brivlo and qimtool with their (compressed) manual pages and both
+# packages' copyright and changelog everywhere; flashsim, its
 # preload library and its page only in a host build (CROSS false), where the
 # installed flashsim must also find the installed library on its own.
 cmake_minimum_required(VERSION 3.16)
@@ -19,8 +20,10 @@ if(NOT rc EQUAL 0)
   message(FATAL_ERROR "cmake --install failed (${rc}):\n${out}${err}")
 endif()
 
-set(expected bin/brivlo bin/qimtool share/man/man1/brivlo.1 share/man/man1/qimtool.1)
-set(host_only bin/flashsim ${LIBDIR}/libflashsim_preload.so share/man/man1/flashsim.1)
+set(expected bin/brivlo bin/qimtool share/man/man1/brivlo.1.gz share/man/man1/qimtool.1.gz
+    share/doc/brivlo/copyright share/doc/brivlo/changelog.gz
+    share/doc/brivlo-host-tools/copyright share/doc/brivlo-host-tools/changelog.gz)
+set(host_only bin/flashsim ${LIBDIR}/libflashsim_preload.so share/man/man1/flashsim.1.gz)
 if(CROSS)
   set(absent ${host_only})
 else()
@@ -44,9 +47,10 @@ endforeach()
 find_program(GROFF groff)
 if(GROFF)
   foreach(page brivlo qimtool flashsim)
-    set(file ${prefix}/share/man/man1/${page}.1)
+    set(file ${prefix}/share/man/man1/${page}.1.gz)
     if(EXISTS ${file})
-      execute_process(COMMAND ${GROFF} -man -ww -z ${file} RESULT_VARIABLE rc ERROR_VARIABLE err)
+      execute_process(COMMAND gzip -dc ${file} COMMAND ${GROFF} -man -ww -z
+                      RESULT_VARIABLE rc ERROR_VARIABLE err)
       if(NOT rc EQUAL 0 OR NOT err STREQUAL "")
         string(APPEND problems "${page}.1 does not format cleanly:\n${err}")
       endif()

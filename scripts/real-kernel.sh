@@ -16,8 +16,8 @@
 #
 # Run as root (it installs qemu-system-arm and the cross compiler with
 # scripts/deps.sh). Downloads and builds are kept in build/kernel (or
-# BRIVLO_KERNEL_BUILD); the armhf brivlo comes from build/arm when
-# scripts/arm.sh has configured it.
+# BRIVLO_KERNEL_BUILD); the armhf brivlo is the one in the board's Debian
+# package, made by scripts/package.sh in build/arm.
 #
 # BRIVLO_KERNEL_XFAIL lists scenarios (driver/name) that are known to fail
 # with this code base; they print XFAIL and do not count as failures (and
@@ -90,22 +90,25 @@ if [ ! -f "$phram/phram.ko" ]; then
   make -s -C "$headers" M="$phram" DEB_BUILD_ARCH=host DEB_HOST_ARCH=armhf DEB_HOST_GNU_TYPE=$triple modules
 fi
 
-# --- brivlo for the board, qimtool for the PC, the guest helper --------------------
-if [ -f build/arm/CMakeCache.txt ]; then
-  arm_build=build/arm
-else
-  arm_build=$work/arm
-  cmake -S . -B "$arm_build" -DCMAKE_TOOLCHAIN_FILE=cmake/$triple.cmake -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DBRIVLO_WERROR=ON -DBRIVLO_TESTS=OFF >/dev/null
-fi
+# --- brivlo for the board (its package), qimtool for the PC, the guest helper ------
+# The guest runs the brivlo of the board's Debian package, byte for byte what
+# is shipped (scripts/package.sh builds it in build/arm, as scripts/arm.sh does).
+echo "== the board's package"
+board_deb=$(scripts/package.sh board)
+package_version=$(dpkg-deb -f "$board_deb" Version)
+rm -rf "$work/board-package" && dpkg-deb -x "$board_deb" "$work/board-package"
+# The guest's C library (Debian's libc6:armhf) is one the package accepts.
+libc_min=$(dpkg-deb -f "$board_deb" Depends | sed -n 's/^libc6 (>= \(.*\))$/\1/p')
+libc_guest=$(dpkg-deb -f "$deps"/debs/libc6_*_armhf.deb Version)
+dpkg --compare-versions "$libc_guest" ge "$libc_min" ||
+  { echo "real-kernel.sh: the guest's libc6 $libc_guest is older than the package's libc6 (>= $libc_min)" >&2; exit 1; }
 if [ -f build/release/CMakeCache.txt ]; then
   host_build=build/release
 else
   host_build=$work/host
   cmake -S . -B "$host_build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBRIVLO_WERROR=ON -DBRIVLO_TESTS=OFF >/dev/null
 fi
-echo "== build brivlo ($arm_build) and qimtool ($host_build)"
-cmake --build "$arm_build" -j"$jobs" --target brivlo >/dev/null
+echo "== build qimtool ($host_build)"
 cmake --build "$host_build" -j"$jobs" --target qimtool >/dev/null
 qimtool=$host_build/tools/qimtool/qimtool
 $triple-g++ -std=c++17 -O2 -Wall -Wextra -Werror -static -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64 \
@@ -163,7 +166,7 @@ cp "$data/tftp.bin" "$work/tftp-qemu/"
 chmod -R a+rX "$work/tftp-host" "$work/tftp-qemu"
 
 # --- initramfs -------------------------------------------------------------------
-cp "$x/bin/busybox" "$arm_build/app/brivlo" "$work/guest_helper" "$x/usr/sbin/flashcp" "$x/usr/sbin/flash_erase" "$ir/bin/"
+cp "$x/bin/busybox" "$work/board-package/usr/bin/brivlo" "$work/guest_helper" "$x/usr/sbin/flashcp" "$x/usr/sbin/flash_erase" "$ir/bin/"
 cp "$x/lib/$triple/ld-linux-armhf.so.3" "$x/lib/$triple/libc.so.6" "$ir/lib/$triple/"
 ln -s "$triple/ld-linux-armhf.so.3" "$ir/lib/ld-linux-armhf.so.3"
 cp "$modules/drivers/mtd/nand/raw/nandsim.ko" "$modules/drivers/virtio/virtio_mmio.ko" \
@@ -246,6 +249,7 @@ if ! $ended; then
   echo "FAIL guest: the run did not finish (qemu status $qemu_status); the console's end:"
   tail -n 30 "$work/console.log" | sed 's/^/    /'
 fi
+echo "brivlo: $(basename "$board_deb"), version $package_version"
 echo "guest run: $boot_time s; whole script: $((SECONDS - started)) s; console log: $work/console.log"
 [ "$expected" -eq 0 ] || echo "($expected expected failures, BRIVLO_KERNEL_XFAIL=\"$xfail\")"
 echo "$passed passed, $failed failed"

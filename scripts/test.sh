@@ -26,12 +26,14 @@ run_suite sanitize
 # CI also runs clang-tidy over every source (scripts/tidy.sh --all, on the
 # normal build's compile commands), brivlo under valgrind (short flows, on the normal build above),
 # every fuzz target for about a minute (two at a time on the two cores), the
-# whole suite again cross-built for the board's 32-bit ARM, under qemu, and
-# that ARM brivlo on a real ARM kernel with its MTD drivers (qemu-system-arm).
+# whole suite again cross-built for the board's 32-bit ARM, under qemu, the
+# Debian packages from those two builds (lintian, an install test), and the
+# packaged ARM brivlo on a real ARM kernel with its MTD drivers (qemu-system-arm).
 if [ "${CI:-}" = "true" ]; then
   scripts/tidy.sh --all
   scripts/memcheck.sh --short
   FUZZ_JOBS=2 fuzz/run 60
   scripts/arm.sh
+  scripts/package.sh
   scripts/real-kernel.sh
 fi

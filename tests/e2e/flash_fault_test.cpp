@@ -290,3 +290,72 @@ INSTANTIATE_TEST_SUITE_P(Table, PowerCut, ::testing::ValuesIn(everyOperation()),
                          [](const ::testing::TestParamInfo<CutCase>& i) { return cutName(i.param); });
 
 }  // namespace
+
+namespace {
+
+// ---- -D: only the blocks that change. The flash holds the image (or a
+// variant of it) beforehand.
+
+enum class Before { Erased, Image, OneBlockChanged, OnlyPaddingChanged };
+
+struct DeltaCase {
+    const char* name;
+    const char* partition;
+    Before before;
+    std::vector<std::string> args;      // "IMAGE" stands for the image's path
+    std::vector<std::string> erases;    // "erase P " lines, start offsets
+    std::size_t lockctlCalls;
+    uint32_t skipped;
+};
+void PrintTo(const DeltaCase& c, std::ostream* os) { *os << c.name; }
+
+class OnlyChangedBlocks : public ::testing::TestWithParam<DeltaCase> {};
+
+TEST_P(OnlyChangedBlocks, EraseAndWriteWhatDiffers) {
+    const DeltaCase& c = GetParam();
+    Board board({"--part", "config=512K:64K", "--part", "license=256K:64K"});
+    const std::string image = e2e::randomBytes(kImageSize, 12);
+    const std::string path = board.scratch("image.bin");
+    testutil::writeFile(path, image);
+    std::string held = imageInBlocks(image);
+    if (c.before == Before::OneBlockChanged) held[65536 + 17] ^= 0x01;
+    if (c.before == Before::OnlyPaddingChanged) held[kImageSize + 100] = '\0';
+    if (c.before != Before::Erased) {
+        const std::string file = board.scratch("held.bin");
+        testutil::writeFile(file, held);
+        ASSERT_EQ(board.flashsim("load", {c.partition, file}).status, 0);
+    }
+    std::vector<std::string> args;
+    for (const std::string& a : c.args) args.push_back(a == "IMAGE" ? path : a == "PART" ? c.partition : a);
+
+    const testutil::ProcessResult r = board.brivlo(args);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "");
+    const std::size_t toErase = 4 - c.skipped;
+    EXPECT_EQ(r.out, "Erasing Flash (wait " + std::to_string(toErase * 65536 / 220000) + "s)\n" + dots(5) +
+                         "\nWriting file to flash partition '" + c.partition + "'\n" + dots(3) +
+                         "\nUnchanged blocks skipped: " + std::to_string(c.skipped) +
+                         "\n\nFlash write complete.\n\nBrivlo done\n");
+    std::vector<std::string> erases;
+    for (const std::string& line : board.logLines(std::string("erase ") + c.partition + " ")) {
+        erases.push_back(line.substr(line.find("start=") + 6, line.find(' ', line.find("start=")) - line.find("start=") - 6));
+    }
+    EXPECT_EQ(erases, c.erases);
+    EXPECT_EQ(board.logLines(std::string("write ") + c.partition + " ").size(), toErase);
+    EXPECT_EQ(board.logLines(std::string("lockctl ") + c.partition + " ").size(), c.lockctlCalls);
+    EXPECT_EQ(board.partition(c.partition).substr(0, 4 * kEraseSize), imageInBlocks(image));
+}
+
+const std::vector<std::string> kLast = {"local", "IMAGE", "PART", "-D"};
+const DeltaCase kDeltaCases[] = {
+    {"AlreadyThere", "config", Before::Image, kLast, {}, 0, 4},
+    {"OneBlockChanged", "config", Before::OneBlockChanged, kLast, {"65536"}, 0, 3},
+    {"LastBlockChangedOnlyInItsPadding", "config", Before::OnlyPaddingChanged, kLast, {"196608"}, 0, 3},
+    {"ErasedFlash", "config", Before::Erased, kLast, {"0", "65536", "131072", "196608"}, 0, 0},
+    {"ProtectedAlreadyThereNeverUnlocked", "license", Before::Image, kLast, {}, 0, 4},
+    {"ProtectedOneBlockChanged", "license", Before::OneBlockChanged, kLast, {"65536"}, 2, 3},
+};
+INSTANTIATE_TEST_SUITE_P(Table, OnlyChangedBlocks, ::testing::ValuesIn(kDeltaCases),
+                         [](const ::testing::TestParamInfo<DeltaCase>& i) { return std::string(i.param.name); });
+
+}  // namespace

@@ -24,7 +24,7 @@ const Subcommand kSubcommands[] = {
 void print_usage(FILE* out) {
     std::fprintf(out, "Usage: qimtool SUBCOMMAND [ARGS...]\n\nSubcommands:\n");
     for (const Subcommand& s : kSubcommands) std::fprintf(out, "  %-11s %s\n", s.name, s.summary);
-    std::fprintf(out, "\nRun 'qimtool SUBCOMMAND --help' for its arguments.\n");
+    std::fprintf(out, "\nRun 'qimtool SUBCOMMAND --help' for its arguments, 'qimtool --version' for the version.\n");
 }
 
 }  // namespace
@@ -36,6 +36,10 @@ int qimtool_main(int argc, char** argv) {
     }
     if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0) {
         print_usage(stdout);
+        return QIMTOOL_OK;
+    }
+    if (std::strcmp(argv[1], "--version") == 0) {
+        std::printf("qimtool %s\n", BRIVLO_VERSION);
         return QIMTOOL_OK;
     }
     for (const Subcommand& s : kSubcommands) {

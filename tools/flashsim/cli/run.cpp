@@ -31,8 +31,8 @@ std::string directoryOfExecutable() {
 bool readable(const std::string& path) { return !path.empty() && ::access(path.c_str(), R_OK) == 0; }
 
 // The preload library: $FLASHSIM_PRELOAD when set; next to this executable
-// (the build tree); the library directory relative to it (an installation);
-// the configured installation directory.
+// (the build tree); the private library directory relative to it (an
+// installation, also one unpacked anywhere).
 std::string findPreload() {
     if (const char* given = std::getenv("FLASHSIM_PRELOAD")) {
         if (!readable(given)) throw std::runtime_error(std::string("FLASHSIM_PRELOAD=") + given + ": cannot read the library");
@@ -46,9 +46,6 @@ std::string findPreload() {
         candidates.push_back(here + "/" FLASHSIM_RELATIVE_LIBDIR "/" FLASHSIM_PRELOAD_NAME);
 #endif
     }
-#ifdef FLASHSIM_INSTALL_LIBDIR
-    candidates.push_back(FLASHSIM_INSTALL_LIBDIR "/" FLASHSIM_PRELOAD_NAME);
-#endif
     for (const std::string& c : candidates) {
         if (readable(c)) return c;
     }
