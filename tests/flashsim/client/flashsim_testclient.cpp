@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <mtd/mtd-abi.h>
+#include <sys/stat.h>
 #include <net/if.h>
 #include <sstream>
 #include <string>
@@ -197,11 +198,60 @@ public:
             report(op, r == 0 ? 1 : 0);
             return i + 2;
         }
+        if (step_tmp(op, arg)) return i + tmpArgs(op);
         std::fprintf(stderr, "testclient: unknown operation %s\n", op.c_str());
         std::exit(2);
     }
 
 private:
+    // Ways of making files in /tmp; each that opens one keeps it as the
+    // descriptor the other operations use.
+    static size_t tmpArgs(const std::string& op) {
+        return op == "tmpfile" || op == "where" ? 1 : op == "link" || op == "symlink" ? 3 : 2;
+    }
+    template <typename Arg>
+    bool step_tmp(const std::string& op, Arg arg) {
+        if (op == "mkstemp") {  // TEMPLATE: prints it with the generated characters as #
+            std::string name = arg(1);
+            fd_ = ::mkstemp(&name[0]);
+            report(op, fd_ < 0 ? -1 : 0, generatedMasked(arg(1), name));
+        } else if (op == "tmpfile") {
+            FILE* f = std::tmpfile();  // left open: the process ends soon
+            fd_ = f != nullptr ? fileno(f) : -1;
+            report(op, fd_ < 0 ? -1 : 0);
+        } else if (op == "otmpfile") {  // FOLDER
+            fd_ = ::open(arg(1).c_str(), O_TMPFILE | O_RDWR, 0600);
+            report(op, fd_ < 0 ? -1 : 0);
+        } else if (op == "linkfd") {  // PATH: names the descriptor's file, as an unprivileged program can
+            const std::string self = "/proc/self/fd/" + std::to_string(fd_);
+            report(op, ::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, arg(1).c_str(), AT_SYMLINK_FOLLOW));
+        } else if (op == "link") {
+            report(op, ::link(arg(1).c_str(), arg(2).c_str()));
+        } else if (op == "symlink") {  // TARGET PATH
+            report(op, ::symlink(arg(1).c_str(), arg(2).c_str()));
+        } else if (op == "mkdir") {
+            report(op, ::mkdir(arg(1).c_str(), 0755));
+        } else if (op == "where") {  // is the descriptor's file in the board's /tmp?
+            const std::string self = "/proc/self/fd/" + std::to_string(fd_);
+            char target[4096] = "";
+            const ssize_t n = ::readlink(self.c_str(), target, sizeof target - 1);
+            const char* board = std::getenv("FLASHSIM_BOARD");
+            const std::string tmp = std::string(board != nullptr ? board : "?") + "/tmp/";
+            errno = kErrnoSentinel;
+            report(op, n < 0 ? -1 : 0, std::string(target).rfind(tmp, 0) == 0 ? "board" : "elsewhere");
+        } else {
+            return false;
+        }
+        return true;
+    }
+    static std::string generatedMasked(const std::string& before, std::string after) {
+        const std::size_t x = before.rfind("XXXXXX");
+        if (x != std::string::npos && after.size() == before.size() && after.compare(x, 6, "XXXXXX") != 0) {
+            after.replace(x, 6, "######");
+        }
+        return after;
+    }
+
     int fd_ = -1;
 };
 

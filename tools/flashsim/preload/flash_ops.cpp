@@ -10,7 +10,6 @@
 #include <fcntl.h>
 #include <csignal>
 #include <ctime>
-#include <net/if.h>
 #include <unistd.h>
 
 namespace flashsim {
@@ -495,34 +494,6 @@ void logClose(int part, int fd, int result, int error) {
     line.number("fd", static_cast<uint64_t>(fd)).result(result, error).emit();
 }
 
-static int answerPhyImpl(void* arg) {
-    BoardRecord& b = *sim()->board;
-    __atomic_add_fetch(&b.phyRequests, 1, __ATOMIC_RELAXED);
-    char name[IFNAMSIZ + 1] = {};
-    ifreq* request = static_cast<ifreq*>(arg);
-    if (request != nullptr) std::memcpy(name, request->ifr_name, IFNAMSIZ);
-    LogLine line("phy", name[0] != '\0' ? name : "-");
-    int error = 0;
-    if (request == nullptr) {
-        error = EFAULT;
-    } else if (std::strcmp(name, "eth0") != 0) {
-        error = ENODEV;
-    } else if (!b.phyAnswers) {
-        error = EOPNOTSUPP;
-    } else if (request->ifr_data == nullptr) {
-        error = EFAULT;
-    }
-    if (error != 0) {
-        line.result(-1, error).emit();
-        errno = error;
-        return -1;
-    }
-    const uint16_t id = static_cast<uint16_t>(b.phyId);
-    std::memcpy(request->ifr_data, &id, sizeof id);
-    line.result(0, 0).hex("id", id, 4).emit();
-    return 0;
-}
-
 // The entry points: a call that succeeds leaves errno as the program had it,
 // whatever the bookkeeping behind it did.
 template <typename R, typename F>
@@ -551,10 +522,6 @@ int64_t seekPartition(const TrackedFd& t, int64_t offset, int whence) {
 
 int ioctlPartition(const TrackedFd& t, uint32_t request, void* arg) {
     return keepErrnoOnSuccess<int>([&] { return ioctlPartitionImpl(t, request, arg); });
-}
-
-int answerPhy(void* arg) {
-    return keepErrnoOnSuccess<int>([&] { return answerPhyImpl(arg); });
 }
 
 }  // namespace flashsim

@@ -1,5 +1,5 @@
-// The simulated flash chip and Ethernet driver: what a partition descriptor
-// does on open, write, ioctl and close, and the answer to the PHY request.
+// The simulated flash chip: what a partition descriptor does on open, write,
+// ioctl and close.
 //
 // A program's partition descriptor is read-only underneath: every write is
 // carried out here through a private descriptor, with the NOR rules applied.
@@ -46,8 +46,5 @@ int ioctlPartition(const TrackedFd& t, uint32_t request, void* arg);
 // Closes the program's descriptor with `closer` (close or fclose done by the
 // caller) and logs it. `result` is the closer's result.
 void logClose(int part, int fd, int result, int error);
-
-// SIOCDEVPRIVATE + 5 on a socket: the Ethernet driver's PHY identity.
-int answerPhy(void* arg);
 
 }  // namespace flashsim

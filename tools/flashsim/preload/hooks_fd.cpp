@@ -4,6 +4,7 @@
 // else reaches the C library unchanged.
 #include "tools/flashsim/mtd_requests.h"
 #include "tools/flashsim/preload/flash_ops.h"
+#include "tools/flashsim/preload/phy.h"
 #include "tools/flashsim/preload/hooks.h"
 #include "tools/flashsim/preload/real.h"
 #include "tools/flashsim/preload/tmp_ops.h"

@@ -4,6 +4,7 @@
 #include "tools/flashsim/preload/flash_ops.h"
 #include "tools/flashsim/preload/hooks.h"
 #include "tools/flashsim/preload/real.h"
+#include "tools/flashsim/preload/tmp_ops.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -25,6 +26,7 @@ int openVia(const char* path, int flags, Call call) {
         case PathKind::Mapped: return call(r.path);
         case PathKind::Partition: return openPartition(r.part, flags);
         case PathKind::MissingPartition: errno = ENOENT; return -1;
+        case PathKind::Refused: refuseTmpPath(path); return -1;
         case PathKind::Other: break;
     }
     return call(path);
@@ -83,6 +85,7 @@ FILE* fopenVia(const char* path, const char* mode, Call call) {
         case PathKind::Mapped: return call(r.path);
         case PathKind::Partition: return openPartitionStream(r.part, mode);
         case PathKind::MissingPartition: errno = ENOENT; return nullptr;
+        case PathKind::Refused: refuseTmpPath(path); return nullptr;
         case PathKind::Other: break;
     }
     return call(path);
@@ -95,6 +98,7 @@ FILE* freopenVia(const char* path, const char* mode, FILE* stream, Real realFn) 
     switch (r.kind) {
         case PathKind::Mapped: return realFn(r.path, mode, stream);
         case PathKind::MissingPartition: errno = ENOENT; return nullptr;
+        case PathKind::Refused: refuseTmpPath(path); return nullptr;
         case PathKind::Other: return realFn(path, mode, stream);
         case PathKind::Partition: break;
     }

@@ -1,7 +1,8 @@
 // Replacements of the functions that name files without opening them:
-// rename, remove/unlink, the stat and access families, truncate. The board's
-// fixed files are redirected into the board directory; a partition can be
-// looked at (stat, access) but not renamed, removed or truncated.
+// rename, remove/unlink, link, symlink, mkdir, the stat and access families,
+// truncate. Paths in /tmp are redirected into the board's /tmp (or refused);
+// a partition can be looked at (stat, access) but not renamed, removed,
+// linked or truncated.
 #include "tools/flashsim/preload/flash_ops.h"
 #include "tools/flashsim/preload/hooks.h"
 #include "tools/flashsim/preload/real.h"
@@ -21,6 +22,7 @@ const char* mapPath(const char* path, ResolvedPath& resolved, bool partitionOk) 
         case PathKind::Other: return path;
         case PathKind::Mapped: return resolved.path;
         case PathKind::MissingPartition: errno = ENOENT; return nullptr;
+        case PathKind::Refused: refuseTmpPath(path); return nullptr;
         case PathKind::Partition:
             if (!partitionOk) {
                 errno = EPERM;
@@ -114,6 +116,41 @@ FLASHSIM_EXPORT int unlinkat(int dir, const char* path, int flags) noexcept {
 
 FLASHSIM_EXPORT int rmdir(const char* path) noexcept {
     return removeVia(path, [](const char* p) { return real().rmdir(p); });
+}
+
+// Hard links: both names are mapped, so a file made with O_TMPFILE in the
+// board's /tmp gets its name there too (linkat with AT_EMPTY_PATH names it
+// by descriptor: the empty old path is left as it is).
+FLASHSIM_EXPORT int link(const char* from, const char* to) noexcept {
+    ResolvedPath a;
+    const char* mappedFrom = mapPath(from, a, false);
+    if (mappedFrom == nullptr && opaque(from) != nullptr) return -1;
+    FLASHSIM_ONE_PATH(to, false, -1, real().link(mappedFrom, mapped))
+}
+
+FLASHSIM_EXPORT int linkat(int fromDir, const char* from, int toDir, const char* to, int flags) noexcept {
+    ResolvedPath a;
+    const char* mappedFrom = mapPath(from, a, false);
+    if (mappedFrom == nullptr && opaque(from) != nullptr) return -1;
+    FLASHSIM_ONE_PATH(to, false, -1, real().linkat(fromDir, mappedFrom, toDir, mapped, flags))
+}
+
+// The link's own name is mapped; its target is text, read by the kernel when
+// the link is followed.
+FLASHSIM_EXPORT int symlink(const char* target, const char* path) noexcept {
+    FLASHSIM_ONE_PATH(path, false, -1, real().symlink(target, mapped))
+}
+
+FLASHSIM_EXPORT int symlinkat(const char* target, int dir, const char* path) noexcept {
+    FLASHSIM_ONE_PATH(path, false, -1, real().symlinkat(target, dir, mapped))
+}
+
+FLASHSIM_EXPORT int mkdir(const char* path, mode_t mode) noexcept {
+    FLASHSIM_ONE_PATH(path, false, -1, real().mkdir(mapped, mode))
+}
+
+FLASHSIM_EXPORT int mkdirat(int dir, const char* path, mode_t mode) noexcept {
+    FLASHSIM_ONE_PATH(path, false, -1, real().mkdirat(dir, mapped, mode))
 }
 
 FLASHSIM_EXPORT int truncate(const char* path, off_t length) noexcept {

@@ -66,6 +66,17 @@ void resolveAll() {
     resolve(r.close, "close");
     resolve(r.ioctl, "ioctl");
     resolve(r.ioctl_time64, "__ioctl_time64");
+    resolve(r.link, "link");
+    resolve(r.linkat, "linkat");
+    resolve(r.symlink, "symlink");
+    resolve(r.symlinkat, "symlinkat");
+    resolve(r.mkdir, "mkdir");
+    resolve(r.mkdirat, "mkdirat");
+    resolve(r.mkostemps, "mkostemps");
+    resolve(r.mkostemps64, "mkostemps64");
+    resolve(r.mkdtemp, "mkdtemp");
+    resolve(r.tmpfile, "tmpfile");
+    resolve(r.tmpfile64, "tmpfile64");
 }
 
 }  // namespace

@@ -66,6 +66,18 @@ struct RealFunctions {
     // 32-bit programs built with a 64-bit time_t call this one instead of
     // ioctl; absent from 64-bit C libraries.
     int (*ioctl_time64)(int, unsigned long, ...);
+    // Calls that make names: every one of them may name the board's /tmp.
+    int (*link)(const char*, const char*);
+    int (*linkat)(int, const char*, int, const char*, int);
+    int (*symlink)(const char*, const char*);
+    int (*symlinkat)(const char*, int, const char*);
+    int (*mkdir)(const char*, mode_t);
+    int (*mkdirat)(int, const char*, mode_t);
+    int (*mkostemps)(char*, int, int);
+    int (*mkostemps64)(char*, int, int);
+    char* (*mkdtemp)(char*);
+    FILE* (*tmpfile)();
+    FILE* (*tmpfile64)();
 };
 
 // Resolved before the first replacement runs (an unresolved entry is null;

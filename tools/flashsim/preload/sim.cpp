@@ -24,7 +24,7 @@ bool g_active = false;
 pthread_once_t g_once = PTHREAD_ONCE_INIT;
 TrackedFd g_fds[kMaxTracked];
 
-constexpr char kTmpPrefix[] = "/tmp/";
+constexpr char kTmp[] = "/tmp";
 constexpr char kFlashPrefix[] = "/dev/flash/";
 constexpr char kFlashFolder[] = "/dev/flash";
 
@@ -48,6 +48,101 @@ bool joinBoardPath(char* out, const char* folder, const char* name) {
            append(out, pos, "/") && append(out, pos, name);
 }
 
+// True when `text` (of `length` bytes) is /tmp or lies under it.
+bool underTmp(const char* text, size_t length) {
+    const size_t n = sizeof kTmp - 1;
+    return length >= n && std::memcmp(text, kTmp, n) == 0 && (length == n || text[n] == '/');
+}
+
+// True when every component of the absolute `text` (`length` bytes) is a
+// name: none empty, "." or "..", so the text is as resolveTmpPath keeps it.
+bool plainPath(const char* text, size_t length) {
+    for (size_t i = 0; i < length;) {
+        size_t end = i + 1;
+        while (end < length && text[end] != '/') ++end;
+        const size_t n = end - i - 1;
+        if (n == 0 || (n == 1 && text[i + 1] == '.') || (n == 2 && text[i + 1] == '.' && text[i + 2] == '.')) {
+            return false;
+        }
+        i = end;
+    }
+    return true;
+}
+
+// Absolute `path` reaching /tmp: out is the board's path for it (Mapped) or
+// Refused; true. Any other path: false, out untouched.
+//
+// The path is read component by component: `kept` drops empty and "."
+// components (so "//tmp/./x" is "/tmp/x") and keeps ".."; `lexical` also
+// takes ".." back a component, to catch a path like "/var/../tmp/x".
+bool resolveTmpPath(const char* path, ResolvedPath& out) {
+    const size_t length = std::strlen(path);
+    if (length >= PATH_MAX) return false;  // the kernel refuses it (ENAMETOOLONG)
+    char kept[PATH_MAX];
+    char lexical[PATH_MAX];
+    size_t keptLength = 0;
+    size_t lexicalLength = 0;
+    bool dotDot = false;
+    for (const char* p = path; *p != '\0';) {
+        while (*p == '/') ++p;
+        const char* end = p;
+        while (*end != '\0' && *end != '/') ++end;
+        const size_t n = static_cast<size_t>(end - p);
+        if (n == 0 || (n == 1 && p[0] == '.')) {
+            p = end;
+            continue;
+        }
+        const bool up = n == 2 && p[0] == '.' && p[1] == '.';
+        dotDot = dotDot || up;
+        kept[keptLength++] = '/';
+        std::memcpy(kept + keptLength, p, n);
+        keptLength += n;
+        if (up) {
+            while (lexicalLength > 0 && lexical[--lexicalLength] != '/') {
+            }
+        } else {
+            lexical[lexicalLength++] = '/';
+            std::memcpy(lexical + lexicalLength, p, n);
+            lexicalLength += n;
+        }
+        p = end;
+    }
+    const size_t host = g_sim.hostDirLength;
+    if (host > 0 && !dotDot && keptLength > host && std::memcmp(kept, g_sim.hostDir, host) == 0 &&
+        kept[host] == '/') {
+        return false;
+    }
+    if (underTmp(kept, keptLength)) {
+        if (dotDot) {
+            out.kind = PathKind::Refused;
+            return true;
+        }
+        // DIR/tmp + the rest, keeping a final slash (it asks for a directory).
+        const bool slash = path[length - 1] == '/';
+        const size_t rest = keptLength - (sizeof kTmp - 1);
+        if (g_sim.dirLength + 1 + std::strlen(kTmpDir) + rest + (slash ? 1 : 0) >= PATH_MAX) {
+            out.kind = PathKind::Refused;
+            return true;
+        }
+        size_t pos = 0;
+        out.path[0] = '\0';
+        append(out.path, pos, g_sim.dir);
+        append(out.path, pos, "/");
+        append(out.path, pos, kTmpDir);
+        std::memcpy(out.path + pos, kept + sizeof kTmp - 1, rest);
+        pos += rest;
+        if (slash) out.path[pos++] = '/';
+        out.path[pos] = '\0';
+        out.kind = PathKind::Mapped;
+        return true;
+    }
+    if (dotDot && underTmp(lexical, lexicalLength)) {
+        out.kind = PathKind::Refused;
+        return true;
+    }
+    return false;
+}
+
 [[noreturn]] void refuse(const char* dir, const char* why) {
     const char* parts[] = {"flashsim: ", kBoardEnv, "=", dir, ": ", why, "\n"};
     for (const char* p : parts) {
@@ -66,6 +161,14 @@ void initialise() {
     std::memcpy(g_sim.dir, dir, length);
     g_sim.dir[length] = '\0';
     g_sim.dirLength = length;
+    size_t parent = length;
+    while (parent > 0 && dir[parent - 1] != '/') --parent;
+    while (parent > 1 && dir[parent - 1] == '/') --parent;
+    if (parent > sizeof kTmp && underTmp(dir, parent) && plainPath(dir, parent)) {
+        std::memcpy(g_sim.hostDir, dir, parent);
+        g_sim.hostDir[parent] = '\0';
+        g_sim.hostDirLength = parent;
+    }
 
     char path[PATH_MAX];
     size_t pos = 0;
@@ -109,16 +212,7 @@ void resolvePath(const char* path, ResolvedPath& out) {
     out.path[0] = '\0';
     if (path == nullptr || path[0] != '/' || sim() == nullptr) return;
 
-    if (startsWith(path, kTmpPrefix, sizeof kTmpPrefix - 1)) {
-        const char* name = path + sizeof kTmpPrefix - 1;
-        for (const char* fixed : kTmpFiles) {
-            if (std::strcmp(name, fixed) == 0) {
-                out.kind = joinBoardPath(out.path, kTmpDir, name) ? PathKind::Mapped : PathKind::MissingPartition;
-                return;
-            }
-        }
-        return;
-    }
+    if (resolveTmpPath(path, out)) return;
     // The device folder itself, so a program can take a lock on it.
     if (std::strcmp(path, kFlashFolder) == 0) {
         size_t pos = 0;

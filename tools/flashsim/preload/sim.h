@@ -19,6 +19,11 @@ struct Sim {
     BoardRecord* board;   // the shared board record (mmap of DIR/board)
     char dir[PATH_MAX];   // absolute board directory
     size_t dirLength;
+    // The folder that holds the board when it lies below /tmp (not /tmp
+    // itself), else empty: the host's side of a test, its images beside its
+    // board, left alone by the /tmp mapping.
+    char hostDir[PATH_MAX];
+    size_t hostDirLength;
 };
 
 // The board of this process, or null when FLASHSIM_BOARD is unset (then every
@@ -31,7 +36,8 @@ enum class PathKind {
     Other,             // not a board path: use as given
     Partition,         // /dev/flash/<name> of a partition on the board
     MissingPartition,  // /dev/flash/<name> of a partition the board does not have
-    Mapped,            // a fixed /tmp file or /dev/flash itself, mapped into the board
+    Mapped,            // /tmp, anything under it, or /dev/flash itself, mapped into the board
+    Refused,           // reaches /tmp but cannot be mapped safely (a ".." component, too long)
 };
 
 struct ResolvedPath {
@@ -40,9 +46,13 @@ struct ResolvedPath {
     char path[PATH_MAX];   // Partition and Mapped: the file in the board directory
 };
 
-// Classifies `path` (null and relative paths are Other). For a mapped path
-// that does not fit in PATH_MAX the kind is MissingPartition (callers fail
-// with ENAMETOOLONG... in practice never: board directories are short).
+// Classifies `path` (null and relative paths are Other). Every absolute path
+// that names /tmp or something under it (repeated slashes and "." components
+// do not hide it) is the board's: DIR/tmp plus the rest. One with a ".."
+// component that starts at /tmp or ends up there is Refused, because only the
+// kernel knows where it leads; so is one whose board path would not fit in
+// PATH_MAX. Paths in the folder that holds the board (Sim::hostDir) are
+// Other.
 void resolvePath(const char* path, ResolvedPath& out);
 
 // Writes the backing file path of partition `part` into out (PATH_MAX bytes).

@@ -5,6 +5,9 @@
 #include "tools/flashsim/preload/sim.h"
 
 #include <cerrno>
+#include <cstdint>
+#include <dirent.h>
+#include <sys/syscall.h>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -34,26 +37,64 @@ bool boardTmpPath(const Sim& s, const char* name, char* out) {
 
 }  // namespace
 
+namespace {
+
+// Bytes held by the regular files in DIR/tmp other than the one `self`
+// names (device and inode); `inTmp` tells whether `self` is one of them or
+// an unnamed file made there (O_TMPFILE, which /proc shows as "DIR/tmp/#N").
+// Read with getdents64 into a buffer on the stack: nothing is allocated.
+uint64_t othersInTmp(const Sim& s, int fd, const struct stat& self, bool& inTmp) {
+    char folder[PATH_MAX];
+    inTmp = false;
+    if (!boardTmpPath(s, "", folder)) return 0;
+    char link[PATH_MAX];
+    char proc[32] = "/proc/self/fd/";
+    char digits[16];
+    size_t n = 0;
+    for (unsigned v = static_cast<unsigned>(fd); n == 0 || v != 0; v /= 10) digits[n++] = static_cast<char>('0' + v % 10);
+    size_t at = std::strlen(proc);
+    while (n > 0) proc[at++] = digits[--n];
+    proc[at] = '\0';
+    const ssize_t linked = readlink(proc, link, sizeof link - 1);
+    const size_t folderLength = std::strlen(folder);
+    if (linked > 0 && static_cast<size_t>(linked) > folderLength &&
+        std::memcmp(link, folder, folderLength) == 0 && link[folderLength] == '#') {
+        inTmp = true;
+    }
+    const int dir = real().openat(AT_FDCWD, folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir < 0) return 0;
+    uint64_t others = 0;
+    alignas(8) char entries[4096];
+    long got;
+    while ((got = syscall(SYS_getdents64, dir, entries, sizeof entries)) > 0) {
+        for (long pos = 0; pos < got;) {
+            const auto* entry = reinterpret_cast<const struct dirent64*>(entries + pos);
+            pos += entry->d_reclen;
+            struct stat t;
+            if (real().fstatat(dir, entry->d_name, &t, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(t.st_mode)) continue;
+            if (t.st_dev == self.st_dev && t.st_ino == self.st_ino) {
+                inTmp = true;
+            } else {
+                others += static_cast<uint64_t>(t.st_size);
+            }
+        }
+    }
+    real().close(dir);
+    return others;
+}
+
+}  // namespace
+
 size_t tmpRoom(int fd, size_t length, long long position) {
     Sim* s = sim();
     if (s == nullptr || s->board->tmpSize == 0 || length == 0) return length;
     ErrnoKeeper keep;
     struct stat st;
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return length;
-    // The board's /tmp holds only the fixed files: what they hold together,
-    // less this one, is what the write competes with.
-    uint64_t others = 0;
+    // What the other files in the board's /tmp hold is what the write
+    // competes with.
     bool inTmp = false;
-    for (const char* name : kTmpFiles) {
-        char path[PATH_MAX];
-        struct stat t;
-        if (!boardTmpPath(*s, name, path) || real().stat(path, &t) != 0 || !S_ISREG(t.st_mode)) continue;
-        if (t.st_dev == st.st_dev && t.st_ino == st.st_ino) {
-            inTmp = true;
-        } else {
-            others += static_cast<uint64_t>(t.st_size);
-        }
-    }
+    const uint64_t others = othersInTmp(*s, fd, st, inTmp);
     if (!inTmp) return length;
     uint64_t at = static_cast<uint64_t>(st.st_size);
     if (position >= 0) {
@@ -72,10 +113,19 @@ size_t tmpRoom(int fd, size_t length, long long position) {
 }
 
 const char* tmpName(const char* path) {
-    if (path == nullptr || std::strncmp(path, kTmpPrefix, sizeof kTmpPrefix - 1) != 0) return nullptr;
-    ResolvedPath resolved;
-    resolvePath(path, resolved);
-    return resolved.kind == PathKind::Mapped ? path + sizeof kTmpPrefix - 1 : nullptr;
+    if (path == nullptr || sim() == nullptr || std::strncmp(path, kTmpPrefix, sizeof kTmpPrefix - 1) != 0) {
+        return nullptr;
+    }
+    const char* name = path + sizeof kTmpPrefix - 1;
+    for (const char* fixed : kTmpFiles) {
+        if (std::strcmp(name, fixed) == 0) return name;
+    }
+    return nullptr;
+}
+
+void refuseTmpPath(const char* path) {
+    LogLine("refuse", "tmp").escaped("path", path, std::strlen(path)).result(-1, EPERM).emit();
+    errno = EPERM;
 }
 
 void readTmpContent(const char* mappedPath, TmpContent& out) {

@@ -1,5 +1,5 @@
-// The board's /tmp (DIR/tmp): its size limit, and the log lines of status
-// file renames and removals.
+// The board's /tmp (DIR/tmp): its size limit, the log lines of status file
+// renames and removals, and of paths refused there.
 #pragma once
 
 #include <cstddef>
@@ -29,5 +29,10 @@ void logTmpRemove(const char* name, int result, int error);
 // The fixed /tmp name a program path names ("brivlo_status" for
 // "/tmp/brivlo_status"), or null for any other path.
 const char* tmpName(const char* path);
+
+// A path that reaches /tmp but cannot be mapped into the board (PathKind::
+// Refused): logs `refuse tmp path=PATH result=-1 errno=EPERM` and sets errno
+// to EPERM, so nothing a program does there can reach the machine's /tmp.
+void refuseTmpPath(const char* path);
 
 }  // namespace flashsim
