@@ -30,6 +30,7 @@
 
 #include "qim/qim_id.h"
 #include "support/errors.h"
+#include "support/unique_handles.h"
 
 struct zel_env;
 struct zel_tftp_client;
@@ -87,6 +88,12 @@ public:
     // into kernel and rootfs. 0; 18 open or unlock failed; 4 geometry, erase
     // or write failed; 28 lock failed; or the split writer's code.
     int writeImageToFlash(std::string name, uint32_t size, int isProtected, const uint8_t* image);
+    // The size check of writeImageToFlash alone, for an image of `size`
+    // bytes not read yet: 4 after the same "too large" line; 0 when it fits,
+    // and also when the partition cannot be opened or asked for its size
+    // (writeImageToFlash reports that). So a local file far larger than its
+    // partition is refused before it costs any memory.
+    int checkImageFits(const std::string& name, uint64_t size);
     // Write phase shared by the writers: erasesize-sized chunks, then the
     // remainder, each into the block the target's walk gives it, advancing
     // `*count` by every byte of the image. 0 or 4. The descriptor stays open.
@@ -138,6 +145,11 @@ public:
     int verifyRelease(const uint8_t* data, std::size_t size);
     // Over the whole file open on `fd`, read with pread from offset 0.
     int verifyRelease(int fd);
+    // Opens the firmware file to flash (app/firmware_file.h), guarded when a
+    // release is set: 0 with *fd set; 2 (SYSTEM) when it cannot be read or
+    // is no regular file (the caller reports that its own way);
+    // exit_status::kSignatureRefused after the refusal line.
+    int openFirmware(const std::string& path, zel::UniqueFd* fd);
 
 private:
     // One TFTP read request (download.cpp). New request options go here.

@@ -55,7 +55,27 @@ private:
     mtd_ecc_stats last_{};
 };
 
+// The refusal of an image larger than its partition, with the image's true
+// size (a local file may be larger than 32 bits can count).
+bool imageFits(const std::string& name, uint64_t size, const mtd_info_user& info) {
+    if (info.size >= size) {
+        return true;
+    }
+    std::cerr << "writeImageToFlash: Error - image of size " << size << " too large for flash partition "
+              << name << " of size " << info.size << std::endl;
+    return false;
+}
+
 }  // namespace
+
+int FlashUpgrader::checkImageFits(const std::string& name, uint64_t size) {
+    UniqueFd device = mtd::openDevice("/dev/flash/" + name);
+    mtd_info_user info{};
+    if (!device.valid() || mtd::getInfo(device.get(), &info) != ZEL_SUCCESS) {
+        return ZEL_SUCCESS;
+    }
+    return imageFits(name, size, info) ? ZEL_SUCCESS : ZEL_INVALIDDATA;
+}
 
 int FlashUpgrader::writeImageToFlash(std::string name, uint32_t size, int isProtected,
                                      const uint8_t* image) {
@@ -73,10 +93,7 @@ int FlashUpgrader::writeImageToFlash(std::string name, uint32_t size, int isProt
                   << std::endl;
         return ZEL_INVALIDDATA;
     }
-    if (info.size < size) {
-        std::cerr << "writeImageToFlash: Error - image of size " << size
-                  << " too large for flash partition " << name << " of size " << info.size
-                  << std::endl;
+    if (!imageFits(name, size, info)) {
         return ZEL_INVALIDDATA;
     }
     if (info.erasesize == 0) {
