@@ -126,7 +126,7 @@ public:
     // file `remoteName` from host:port into `text`
     // (at most QIM_SIGNATURE_TEXT_MAX bytes), after the firmware download,
     // without a file. 0; ZEL_INTERRUPTED when a stop signal arrived;
-    // exit_status::kSignatureRefused after printing why there is no signature.
+    // result_code::kSignatureRefused after printing why there is no signature.
     int downloadSignature(const std::string& host, const std::string& port, const std::string& remoteName,
                           std::string* text);
     // The TFTP client's callback; finds its FlashUpgrader through the client's
@@ -135,7 +135,7 @@ public:
 
     // Signed upgrades. With a release set (not owned; it outlives the
     // flash steps), verifyRelease checks its signature over the bytes about to
-    // be flashed: 0, or exit_status::kSignatureRefused after the
+    // be flashed: 0, or result_code::kSignatureRefused after the
     // refusal line. Without one both return 0 at once.
     void setRelease(const release_signature::Release* release);
 
@@ -148,7 +148,7 @@ public:
     // Opens the firmware file to flash (app/firmware_file.h), guarded when a
     // release is set: 0 with *fd set; 2 (SYSTEM) when it cannot be read or
     // is no regular file (the caller reports that its own way);
-    // exit_status::kSignatureRefused after the refusal line.
+    // result_code::kSignatureRefused after the refusal line.
     int openFirmware(const std::string& path, zel::UniqueFd* fd);
 
 private:
@@ -205,25 +205,34 @@ private:
     // are asked for and skipped), refusing an image they cannot hold, and
     // with -D the blocks that already hold their bytes. 0 or 4.
     int prepareBlocks(FlashTarget& target, const uint8_t* image, uint32_t size);
+    // The walk alone: on NAND the bad blocks asked for; 0, or 4 after the
+    // message when the image does not fit the good blocks.
+    int placeOnGoodBlocks(FlashTarget& target, uint32_t size);
+    // The rootfs partition looked at before the kernel is erased
+    // (kernel_rootfs.cpp): its write unit, and on NAND its good blocks for
+    // `length` bytes. 0 or 4 after the message.
+    int lookAheadAtRootfs(uint32_t length);
     // Erase phase (the estimate line, a dot, a status update showing the
     // count from before the block and `*count` advanced by erasesize per
-    // block, one more dot), the target's writing line, the write phase, then
-    // the whole image read back and compared. 0 or 4 after the message.
+    // block, one more dot), the target's writing line, then the write phase,
+    // each block read back and compared as soon as it is written. 0 or 4
+    // after the message.
     int eraseWriteVerify(FlashTarget& target, const uint8_t* image, uint32_t size, int* count);
     // Erases the block image block `index` goes to; on NAND a block that
     // fails with EIO is marked bad and the image moves on. 0 or 4.
     int eraseImageBlock(FlashTarget& target, uint32_t index);
     // Writes `length` bytes of image block `index` (erasing first a block it
-    // moved onto), seeking when `*position` is not where it goes. 0 or 4.
+    // moved onto), seeking when `*position` is not where it goes, and reads
+    // them back. 0 or 4.
     int writeImageBlock(FlashTarget& target, uint32_t index, const uint8_t* bytes, uint32_t length,
                         uint64_t* position, const char* failureLine);
     // The block under image block `index` failed with EIO: marks it bad,
     // says so, and moves the image from `index` on to the next good blocks;
     // false after the message when none are left.
     bool retireBlock(FlashTarget& target, uint32_t index);
-    // Reads the image back and compares; 0, or 4 after naming the first
-    // differing offset.
-    int verifyImage(FlashTarget& target, const uint8_t* image, uint32_t size);
+    // Reads back the `length` bytes just written at `at` and compares them
+    // with `bytes`; 0, or 4 after naming the first differing offset.
+    int verifyBlock(FlashTarget& target, uint64_t at, const uint8_t* bytes, uint32_t length);
     // One half of the combined Linux image into its partition
     // (kernel_rootfs.cpp): prepare, erase, write and verify; 0 or the
     // writers' code.
