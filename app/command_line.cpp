@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "app/flash_upgrader.h"
+#include "app/partitions.h"
 
 namespace command_line {
 
@@ -179,10 +180,7 @@ void printUsage(const std::string& programName) {
               << "  -O: override model ID matching for QIM file upgrades\n"
               << "  -A: override manufacturer ID matching for QIM file upgrades\n"
               << "Partition Names:\n"
-              << "qim, boot, bootenv, brdinfo, capability, config, flashall, fpga, fsbl, image, "
-                 "kernel, license, rootfs, "
-              << "safeboot, safebootenv, safefpga, safelicense, userarea, skd, safeall"
-              << std::endl;
+              << partitions::commandLineList() << std::endl;
 }
 
 }  // namespace command_line

@@ -36,6 +36,10 @@ struct FlashTarget {
     GoodBlocks blocks;
     std::vector<uint8_t> unchanged;  // per image block: already holds its bytes (-D)
     uint32_t unchangedCount = 0;
+    // NAND: the ECC statistics as last seen, when the driver keeps them.
+    bool eccWatching = false;
+    mtd_ecc_stats ecc{};
+    std::vector<uint8_t> readBuffer;  // one erase block read back
 
     bool isUnchanged(uint32_t index) const { return unchanged[index] != 0; }
 };

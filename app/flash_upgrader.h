@@ -30,6 +30,7 @@
 
 #include "qim/qim_id.h"
 #include "support/errors.h"
+#include "support/unique_handles.h"
 
 struct zel_env;
 struct zel_tftp_client;
@@ -87,6 +88,12 @@ public:
     // into kernel and rootfs. 0; 18 open or unlock failed; 4 geometry, erase
     // or write failed; 28 lock failed; or the split writer's code.
     int writeImageToFlash(std::string name, uint32_t size, int isProtected, const uint8_t* image);
+    // The size check of writeImageToFlash alone, for an image of `size`
+    // bytes not read yet: 4 after the same "too large" line; 0 when it fits,
+    // and also when the partition cannot be opened or asked for its size
+    // (writeImageToFlash reports that). So a local file far larger than its
+    // partition is refused before it costs any memory.
+    int checkImageFits(const std::string& name, uint64_t size);
     // Write phase shared by the writers: erasesize-sized chunks, then the
     // remainder, each into the block the target's walk gives it, advancing
     // `*count` by every byte of the image. 0 or 4. The descriptor stays open.
@@ -138,6 +145,11 @@ public:
     int verifyRelease(const uint8_t* data, std::size_t size);
     // Over the whole file open on `fd`, read with pread from offset 0.
     int verifyRelease(int fd);
+    // Opens the firmware file to flash (app/firmware_file.h), guarded when a
+    // release is set: 0 with *fd set; 2 (SYSTEM) when it cannot be read or
+    // is no regular file (the caller reports that its own way);
+    // exit_status::kSignatureRefused after the refusal line.
+    int openFirmware(const std::string& path, zel::UniqueFd* fd);
 
 private:
     // One TFTP read request (download.cpp). New request options go here.
@@ -193,25 +205,34 @@ private:
     // are asked for and skipped), refusing an image they cannot hold, and
     // with -D the blocks that already hold their bytes. 0 or 4.
     int prepareBlocks(FlashTarget& target, const uint8_t* image, uint32_t size);
+    // The walk alone: on NAND the bad blocks asked for; 0, or 4 after the
+    // message when the image does not fit the good blocks.
+    int placeOnGoodBlocks(FlashTarget& target, uint32_t size);
+    // The rootfs partition looked at before the kernel is erased
+    // (kernel_rootfs.cpp): its write unit, and on NAND its good blocks for
+    // `length` bytes. 0 or 4 after the message.
+    int lookAheadAtRootfs(uint32_t length);
     // Erase phase (the estimate line, a dot, a status update showing the
     // count from before the block and `*count` advanced by erasesize per
-    // block, one more dot), the target's writing line, the write phase, then
-    // the whole image read back and compared. 0 or 4 after the message.
+    // block, one more dot), the target's writing line, then the write phase,
+    // each block read back and compared as soon as it is written. 0 or 4
+    // after the message.
     int eraseWriteVerify(FlashTarget& target, const uint8_t* image, uint32_t size, int* count);
     // Erases the block image block `index` goes to; on NAND a block that
     // fails with EIO is marked bad and the image moves on. 0 or 4.
     int eraseImageBlock(FlashTarget& target, uint32_t index);
     // Writes `length` bytes of image block `index` (erasing first a block it
-    // moved onto), seeking when `*position` is not where it goes. 0 or 4.
+    // moved onto), seeking when `*position` is not where it goes, and reads
+    // them back. 0 or 4.
     int writeImageBlock(FlashTarget& target, uint32_t index, const uint8_t* bytes, uint32_t length,
                         uint64_t* position, const char* failureLine);
     // The block under image block `index` failed with EIO: marks it bad,
     // says so, and moves the image from `index` on to the next good blocks;
     // false after the message when none are left.
     bool retireBlock(FlashTarget& target, uint32_t index);
-    // Reads the image back and compares; 0, or 4 after naming the first
-    // differing offset.
-    int verifyImage(FlashTarget& target, const uint8_t* image, uint32_t size);
+    // Reads back the `length` bytes just written at `at` and compares them
+    // with `bytes`; 0, or 4 after naming the first differing offset.
+    int verifyBlock(FlashTarget& target, uint64_t at, const uint8_t* bytes, uint32_t length);
     // One half of the combined Linux image into its partition
     // (kernel_rootfs.cpp): prepare, erase, write and verify; 0 or the
     // writers' code.

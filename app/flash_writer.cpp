@@ -27,35 +27,44 @@ constexpr uint32_t kChunksPerStatusUpdate = 30;
 // After a failed write the descriptor's position is unknown: seek first.
 constexpr uint64_t kPositionUnknown = UINT64_MAX;
 
-// The `failed` counter of a NAND partition's ECC statistics: a read that
-// raised it read bytes the ECC could not correct. Corrected bit flips are
-// fine. Nothing is asked on NOR, or when the driver keeps no statistics.
-class EccWatch {
-public:
-    explicit EccWatch(const FlashTarget& target) : fd_(target.fd) {
-        watching_ = target.nand && mtd::eccStats(fd_, &last_) == 0;
+// Whether nothing uncorrectable was read on the target since the last look:
+// the `failed` counter of a NAND partition's ECC statistics has not risen.
+// Corrected bit flips are fine. Nothing is asked on NOR, or when the driver
+// keeps no statistics.
+bool eccClean(FlashTarget& target) {
+    if (!target.eccWatching) {
+        return true;
     }
-    // Whether nothing uncorrectable was read since the last call.
-    bool clean() {
-        if (!watching_) {
-            return true;
-        }
-        mtd_ecc_stats now{};
-        if (mtd::eccStats(fd_, &now) != 0) {
-            return true;
-        }
-        const bool same = now.failed == last_.failed;
-        last_ = now;
-        return same;
+    mtd_ecc_stats now{};
+    if (mtd::eccStats(target.fd, &now) != 0) {
+        return true;
     }
+    const bool same = now.failed == target.ecc.failed;
+    target.ecc = now;
+    return same;
+}
 
-private:
-    int fd_;
-    bool watching_ = false;
-    mtd_ecc_stats last_{};
-};
+// The refusal of an image larger than its partition, with the image's true
+// size (a local file may be larger than 32 bits can count).
+bool imageFits(const std::string& name, uint64_t size, const mtd_info_user& info) {
+    if (info.size >= size) {
+        return true;
+    }
+    std::cerr << "writeImageToFlash: Error - image of size " << size << " too large for flash partition "
+              << name << " of size " << info.size << std::endl;
+    return false;
+}
 
 }  // namespace
+
+int FlashUpgrader::checkImageFits(const std::string& name, uint64_t size) {
+    UniqueFd device = mtd::openDevice("/dev/flash/" + name);
+    mtd_info_user info{};
+    if (!device.valid() || mtd::getInfo(device.get(), &info) != ZEL_SUCCESS) {
+        return ZEL_SUCCESS;
+    }
+    return imageFits(name, size, info) ? ZEL_SUCCESS : ZEL_INVALIDDATA;
+}
 
 int FlashUpgrader::writeImageToFlash(std::string name, uint32_t size, int isProtected,
                                      const uint8_t* image) {
@@ -73,10 +82,7 @@ int FlashUpgrader::writeImageToFlash(std::string name, uint32_t size, int isProt
                   << std::endl;
         return ZEL_INVALIDDATA;
     }
-    if (info.size < size) {
-        std::cerr << "writeImageToFlash: Error - image of size " << size
-                  << " too large for flash partition " << name << " of size " << info.size
-                  << std::endl;
+    if (!imageFits(name, size, info)) {
         return ZEL_INVALIDDATA;
     }
     if (info.erasesize == 0) {
@@ -140,7 +146,7 @@ int FlashUpgrader::writeImageToFlash(std::string name, uint32_t size, int isProt
     return ZEL_SUCCESS;
 }
 
-int FlashUpgrader::prepareBlocks(FlashTarget& target, const uint8_t* image, uint32_t size) {
+int FlashUpgrader::placeOnGoodBlocks(FlashTarget& target, uint32_t size) {
     const uint32_t erasesize = target.info.erasesize;
     target.nand = mtd::isNand(target.info);
     // NOR knows no bad blocks: the walk then covers the image's blocks only.
@@ -165,19 +171,26 @@ int FlashUpgrader::prepareBlocks(FlashTarget& target, const uint8_t* image, uint
                   << target.name << " (" << target.blocks.badCount() << " bad blocks)" << std::endl;
         return ZEL_INVALIDDATA;
     }
-    if (!skipUnchanged) {
-        return ZEL_SUCCESS;
+    target.eccWatching = target.nand && mtd::eccStats(target.fd, &target.ecc) == 0;
+    return ZEL_SUCCESS;
+}
+
+int FlashUpgrader::prepareBlocks(FlashTarget& target, const uint8_t* image, uint32_t size) {
+    const int rc = placeOnGoodBlocks(target, size);
+    if (rc != ZEL_SUCCESS || !skipUnchanged) {
+        return rc;
     }
+    const uint32_t erasesize = target.info.erasesize;
     // -D: a block that already holds what the write would leave there (the
     // image's bytes, then 0xFF to the block's end) is left alone.
-    std::vector<uint8_t> flash(erasesize);
-    EccWatch ecc(target);
+    std::vector<uint8_t>& flash = target.readBuffer;
+    flash.resize(erasesize);
     for (uint32_t index = 0; index < target.imageBlocks; ++index) {
         const uint32_t offset = index * erasesize;
         const uint32_t imageBytes = size - offset < erasesize ? size - offset : erasesize;
         if (mtd::readAt(target.fd, uint64_t{target.blocks.where(index)} * erasesize, flash.data(), erasesize) == 0 &&
             read_back::firstDifference(flash.data(), erasesize, image + offset, imageBytes) == read_back::kSame &&
-            ecc.clean()) {
+            eccClean(target)) {
             target.unchanged[index] = 1;
             ++target.unchangedCount;
         }
@@ -207,11 +220,7 @@ int FlashUpgrader::eraseWriteVerify(FlashTarget& target, const uint8_t* image, u
     }
     std::cout << '.' << std::endl;
     std::cout << target.writing << std::endl;
-    int rc = writeToFlash(target, image, size, count);
-    if (rc != ZEL_SUCCESS) {
-        return rc;
-    }
-    rc = verifyImage(target, image, size);
+    const int rc = writeToFlash(target, image, size, count);
     skippedBlocks += target.unchangedCount;
     return rc;
 }
@@ -281,7 +290,7 @@ int FlashUpgrader::writeImageBlock(FlashTarget& target, uint32_t index, const ui
         const int rc = mtd::writeErrno(target.fd, bytes, length);
         if (rc == 0) {
             *position += length;
-            return ZEL_SUCCESS;
+            return verifyBlock(target, at, bytes, length);
         }
         if (!target.nand || rc != EIO) {
             std::cerr << failureLine << std::endl;
@@ -349,34 +358,24 @@ int FlashUpgrader::writeToFlash(FlashTarget& target, const uint8_t* data, uint32
     return ZEL_SUCCESS;
 }
 
-int FlashUpgrader::verifyImage(FlashTarget& target, const uint8_t* image, uint32_t size) {
-    const uint32_t erasesize = target.info.erasesize;
-    std::vector<uint8_t> flash(erasesize);
-    EccWatch ecc(target);
-    for (uint32_t index = 0; index < target.imageBlocks; ++index) {
-        if (target.isUnchanged(index)) {
-            continue;  // read and compared whole before anything was erased
+int FlashUpgrader::verifyBlock(FlashTarget& target, uint64_t at, const uint8_t* bytes, uint32_t length) {
+    // Read back at once, while the bytes are still in the cache: a second
+    // pass over the whole image would cost as much again as the comparison.
+    std::vector<uint8_t>& flash = target.readBuffer;
+    flash.resize(target.info.erasesize);
+    uint32_t difference = 0;
+    if (mtd::readAt(target.fd, at, flash.data(), length) == 0) {
+        difference = read_back::firstDifference(flash.data(), length, bytes, length);
+        // An uncorrectable ECC error reads back as a difference even when
+        // the bytes happen to compare equal.
+        if (difference == read_back::kSame && !eccClean(target)) {
+            difference = 0;
         }
-        const uint32_t offset = index * erasesize;
-        const uint32_t imageBytes = size - offset < erasesize ? size - offset : erasesize;
-        // What was written: the image's bytes and the padding of the last
-        // write unit.
-        const uint32_t length = imageBytes < erasesize ? write_unit::padded(imageBytes, target.info.writesize) : erasesize;
-        const uint64_t at = uint64_t{target.blocks.where(index)} * erasesize;
-        uint32_t difference = 0;
-        if (mtd::readAt(target.fd, at, flash.data(), length) == 0) {
-            difference = read_back::firstDifference(flash.data(), length, image + offset, imageBytes);
-            // An uncorrectable ECC error reads back as a difference even
-            // when the bytes happen to compare equal.
-            if (difference == read_back::kSame && !ecc.clean()) {
-                difference = 0;
-            }
-        }
-        if (difference != read_back::kSame) {
-            std::cerr << target.who << ": Error verifying flash partition '" << target.name << "' at offset "
-                      << at + difference << std::endl;
-            return ZEL_INVALIDDATA;
-        }
+    }
+    if (difference != read_back::kSame) {
+        std::cerr << target.who << ": Error verifying flash partition '" << target.name << "' at offset "
+                  << at + difference << std::endl;
+        return ZEL_INVALIDDATA;
     }
     return ZEL_SUCCESS;
 }

@@ -72,19 +72,6 @@ int checkHalfFits(const Half& half, const mtd_info_user& info, uint64_t length) 
     return ZEL_SUCCESS;
 }
 
-// A look at the rootfs partition's geometry ahead of its phase: its half is
-// padded to its own write unit, so a unit it cannot be written in must be
-// refused before the kernel is erased. A device that cannot be opened or
-// asked is left to the rootfs phase, which reports it in its place.
-bool rootfsWriteUnitFits() {
-    UniqueFd rootfs = mtd::openDevice("/dev/flash/rootfs");
-    mtd_info_user info{};
-    if (!rootfs.valid() || mtd::getInfo(rootfs.get(), &info) != ZEL_SUCCESS) {
-        return true;
-    }
-    return write_unit::fits(info);
-}
-
 }  // namespace
 
 namespace {
@@ -97,6 +84,28 @@ FlashTarget halfTarget(const Half& half, int fd, const mtd_info_user& info, uint
 }
 
 }  // namespace
+
+// A look at the rootfs partition ahead of its phase, so that what would
+// refuse it refuses the image before the kernel is erased: its half is padded
+// to its own write unit, which must be usable, and on NAND it must fit the
+// good blocks. A device that cannot be opened or asked, or a half too large
+// for it, is left to the rootfs phase, which reports it in its place.
+int FlashUpgrader::lookAheadAtRootfs(uint32_t length) {
+    UniqueFd rootfs = mtd::openDevice("/dev/flash/rootfs");
+    mtd_info_user info{};
+    if (!rootfs.valid() || mtd::getInfo(rootfs.get(), &info) != ZEL_SUCCESS) {
+        return ZEL_SUCCESS;
+    }
+    if (!write_unit::fits(info)) {
+        std::cerr << kName << ": Invalid write size rootfs partition" << std::endl;
+        return ZEL_INVALIDDATA;
+    }
+    if (!mtd::isNand(info) || info.erasesize == 0 || length > info.size) {
+        return ZEL_SUCCESS;
+    }
+    FlashTarget target(rootfs.get(), info, length, kRootfs.partition, kName);
+    return placeOnGoodBlocks(target, length);
+}
 
 int FlashUpgrader::writeHalf(FlashTarget& target, const uint8_t* data, uint32_t length, int* current) {
     const int rc = prepareBlocks(target, data, length);
@@ -133,9 +142,10 @@ int FlashUpgrader::eraseAndWriteKernelRootFs(uint32_t size, int current, const u
     if (rc != ZEL_SUCCESS) {
         return rc;
     }
-    if (!rootfsWriteUnitFits()) {
-        std::cerr << kName << ": Invalid write size rootfs partition" << std::endl;
-        return ZEL_INVALIDDATA;
+    // A header promising more than the file holds is refused just below.
+    rc = lookAheadAtRootfs(kernelLength <= size ? static_cast<uint32_t>(size - kernelLength) : 0);
+    if (rc != ZEL_SUCCESS) {
+        return rc;
     }
     // The header may promise more than the file holds: refuse before
     // anything is erased.

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
+
 #include "app/command_line.h"
 #include "app/exit_status.h"
 #include "app/flash_upgrader.h"
@@ -20,32 +22,22 @@
 #include "net/env.h"
 #include "net/log.h"
 #include "qim/qim_id.h"
+#include "support/system.h"
 
 namespace {
 
-// Reads the whole raw image. False when the file cannot be opened or read, is
-// larger than the 32-bit size the writer takes, or memory runs out; no buffer
-// is ever sized from a length that was not determined. A symbolic link at the
-// download path is refused (tmp_file::openImage), so a link swapped in after
-// the download cannot make brivlo flash some other file of the system.
-bool readRawImage(const std::string& path, ImageBuffer* image) {
-    tmp_file::UniqueFile in = tmp_file::openImage(path.c_str());
-    if (!in || fseeko(in.get(), 0, SEEK_END) != 0) {
-        return false;
-    }
-    const off_t length = ftello(in.get());
-    if (length < 0 || static_cast<uint64_t>(length) > std::numeric_limits<uint32_t>::max() ||
-        fseeko(in.get(), 0, SEEK_SET) != 0) {
-        return false;
-    }
-    if (static_cast<uint64_t>(length) > std::numeric_limits<std::size_t>::max() ||
+// Reads the whole raw image of `length` bytes from `file`. False when it
+// cannot be read, is larger than the 32-bit size the writer takes, or memory
+// runs out; no buffer is ever sized from a length that was not determined.
+bool readRawImage(int file, uint64_t length, ImageBuffer* image) {
+    if (length > std::numeric_limits<uint32_t>::max() || length > std::numeric_limits<std::size_t>::max() ||
         !image->allocate(static_cast<std::size_t>(length))) {
         return false;
     }
-    if (length == 0) {
-        return true;
-    }
-    return std::fread(image->data(), 1, image->size(), in.get()) == image->size();
+    // A file that ends early was changed under us: as unreadable as one
+    // whose read fails.
+    std::size_t got = 0;
+    return zel_read_at(file, 0, image->data(), image->size(), &got) == ZEL_SUCCESS && got == image->size();
 }
 
 // The raw path of step "flash": failures of reading and writing are
@@ -53,8 +45,28 @@ bool readRawImage(const std::string& path, ImageBuffer* image) {
 // the image is checked in the buffer the writer then takes, before any erase.
 // Returns 0 or the refusal's exit status.
 int flashRawImage(FlashUpgrader& upgrader, const std::string& path, const std::string& partition) {
+    // The firmware file rules (app/firmware_file.h): a link swapped in at the
+    // download path, a FIFO, a device or a directory is a file that cannot be
+    // read; under -K one that others may write is refused.
+    zel::UniqueFd file;
+    const int opened = upgrader.openFirmware(path, &file);
+    if (opened == exit_status::kSignatureRefused) {
+        return opened;
+    }
+    struct stat st;
+    if (opened != ZEL_SUCCESS || ::fstat(file.get(), &st) != 0) {
+        std::cerr << "Error reading from file " << path << std::endl;
+        return 0;
+    }
+    // The partition's size is known before the file is read: an image that
+    // cannot fit is refused without costing its size in memory.
+    const uint64_t length = static_cast<uint64_t>(st.st_size);
+    if (upgrader.checkImageFits(partition, length) != ZEL_SUCCESS) {
+        std::cerr << "Error writing to flash" << std::endl;
+        return 0;
+    }
     ImageBuffer image;
-    if (!readRawImage(path, &image)) {
+    if (!readRawImage(file.get(), length, &image)) {
         std::cerr << "Error reading from file " << path << std::endl;
         return 0;
     }

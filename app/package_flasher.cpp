@@ -4,7 +4,6 @@
 // device's model into the partition of its kind, in part-table order.
 #include "app/flash_upgrader.h"
 
-#include <cstring>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -18,11 +17,9 @@
 #include "app/release_signature.h"
 #include "app/status_file.h"
 #include "app/stop_signal.h"
-#include "app/tmp_file.h"
 #include "qim/package.h"
 #include "qim/report.h"
 #include "support/system.h"
-#include "support/tmp_file.h"
 
 namespace {
 
@@ -66,22 +63,6 @@ ReadResult readPartData(int fd, uint64_t position, uint32_t size, ImageBuffer* d
     return ReadResult::kOk;
 }
 
-// Loads and validates the package at `path`. The download is a file brivlo
-// has just created at a fixed name in /tmp: it is read only when it is still
-// a regular file of brivlo's user (tmp_file rules), so a link, a FIFO or
-// another user's file swapped in since fails like a file that cannot be
-// opened (6, no message). A local path is the operator's and is followed.
-zel_error_t loadPackage(const char* path, qim_package* package) {
-    if (std::strcmp(path, tmp_file::kDownloadPath) != 0) {
-        return qim_package_load(package, path);
-    }
-    int fd = -1;
-    if (zel_tmp_file_open_trusted(path, &fd) != ZEL_SUCCESS) {
-        return static_cast<zel_error_t>(exit_status::kPackageOpenFailed);
-    }
-    return qim_package_load_fd(package, fd, path);
-}
-
 }  // namespace
 
 int FlashUpgrader::flashQimFile(const char* path) {
@@ -122,7 +103,14 @@ int FlashUpgrader::verifyQimSignature(const qim_package* package) {
 }
 
 int FlashUpgrader::loadAndCheckQimFile(const char* path, qim_package* package) {
-    const zel_error_t rc = loadPackage(path, package);
+    // A file that cannot be opened as a firmware file (app/firmware_file.h)
+    // fails like one the reader cannot open: 6, no message.
+    zel::UniqueFd file;
+    const int opened = openFirmware(path, &file);
+    if (opened != ZEL_SUCCESS) {
+        return opened == exit_status::kSignatureRefused ? opened : exit_status::kPackageOpenFailed;
+    }
+    const zel_error_t rc = qim_package_load_fd(package, file.release(), path);
     if (rc != ZEL_SUCCESS) {
         // The reader has printed its own message.
         return static_cast<int>(rc);

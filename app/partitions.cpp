@@ -1,59 +1,67 @@
-// The flash partitions the tool knows, which package part kind each holds,
-// which stay write-locked by the flash driver, and which may be named on the
-// command line.
-#include "app/flash_upgrader.h"
+// Which package part kind each partition holds, which stay write-locked by
+// the flash driver, and which may be named on the command line.
+#include "app/partitions.h"
 
 #include <iostream>
 
+#include "app/flash_upgrader.h"
+#include "qim/names.h"
 #include "qim/partition_map.h"
 
-namespace {
+namespace partitions {
 
-// Part kind 28 ("unknown"): no package part is written to the partition.
-constexpr int kPartUnknown = 28;
-
-struct Partition {
-    const char* name;
-    int kind;
-    bool isProtected;
-    bool onCommandLine;
-};
-
-constexpr Partition kPartitions[] = {
-    {"boot", 6, false, true},
-    {"bootenv", 10, false, true},
-    {"brdinfo", 16, true, true},
-    {"capability", 9, false, true},
-    {"config", 4, false, true},
-    {"flashall", 0, true, true},
-    {"fpga", 2, false, true},
-    {"fsbl", kPartUnknown, true, true},
-    {"image", 1, false, true},
-    {"kernel", kPartUnknown, false, true},
-    {"license", 3, true, true},
-    {"rootfs", kPartUnknown, false, true},
-    {"safeboot", kPartUnknown, true, true},
-    {"safebootenv", kPartUnknown, true, true},
-    {"safefpga", 13, true, true},
-    {"skd", kPartUnknown, true, true},
-    {"safelicense", kPartUnknown, true, true},
-    {"userarea", 11, false, true},
+const Partition kTable[] = {
+    {"boot", "boot", false, true},
+    {"bootenv", "env", false, true},
+    {"brdinfo", "board", true, true},
+    {"capability", "cap1", false, true},
+    {"config", "config", false, true},
+    {"flashall", "all", true, true},
+    {"fpga", "fpga", false, true},
+    {"fsbl", "unknown", true, true},
+    {"image", "image", false, true},
+    {"kernel", "unknown", false, true},
+    {"license", "cap", true, true},
+    {"rootfs", "unknown", false, true},
+    {"safeboot", "unknown", true, true},
+    {"safebootenv", "unknown", true, true},
+    {"safefpga", "safe", true, true},
+    {"safelicense", "unknown", true, true},
+    {"userarea", "user", false, true},
+    {"skd", "unknown", true, true},
     // Written by the package flasher only; not accepted on the command line.
-    {"imxrt", 21, false, false},
-    {"vcodec", 22, false, false},
-    {"sii9777s", 23, false, false},
-    {"vconfig", 25, false, false},
-    {"safeall", kPartUnknown, true, true},
+    {"imxrt", "imxrt", false, false},
+    {"vcodec", "vcodec", false, false},
+    {"sii9777s", "sii9777s", false, false},
+    {"vconfig", "vconfig", false, false},
+    {"safeall", "unknown", true, true},
 };
 
-const Partition* findPartition(const std::string& name) {
-    for (const Partition& partition : kPartitions) {
+const std::size_t kCount = sizeof kTable / sizeof kTable[0];
+
+const Partition* find(const std::string& name) {
+    for (const Partition& partition : kTable) {
         if (name == partition.name) {
             return &partition;
         }
     }
     return nullptr;
 }
+
+std::string commandLineList() {
+    // "qim" is no partition: it selects the package path.
+    std::string list = "qim";
+    for (const Partition& partition : kTable) {
+        if (partition.onCommandLine) {
+            list += std::string(", ") + partition.name;
+        }
+    }
+    return list;
+}
+
+}  // namespace partitions
+
+namespace {
 
 void reportUnknown(const char* function, const std::string& name) {
     std::cerr << function << ": Error - unknown flash partition " << name
@@ -63,25 +71,24 @@ void reportUnknown(const char* function, const std::string& name) {
 }  // namespace
 
 bool FlashUpgrader::isValidPartitionName(std::string name) {
-    // "qim" is no partition: it selects the package path.
     if (name == "qim") {
         return true;
     }
-    const Partition* partition = findPartition(name);
+    const partitions::Partition* partition = partitions::find(name);
     return partition != nullptr && partition->onCommandLine;
 }
 
 int FlashUpgrader::flashPartNameToPartId(std::string name) {
-    const Partition* partition = findPartition(name);
+    const partitions::Partition* partition = partitions::find(name);
     if (partition == nullptr) {
         reportUnknown("flashPartNameToPartId", name);
-        return kPartUnknown;
+        return QIM_PART_ID_UNKNOWN;
     }
-    return partition->kind;
+    return static_cast<int>(qim_part_id_from_name(partition->kind));
 }
 
 int FlashUpgrader::isPartitionProtected(std::string name) {
-    const Partition* partition = findPartition(name);
+    const partitions::Partition* partition = partitions::find(name);
     if (partition == nullptr) {
         reportUnknown("isPartitionProtected", name);
         return 1;
@@ -89,5 +96,6 @@ int FlashUpgrader::isPartitionProtected(std::string name) {
     return partition->isProtected ? 1 : 0;
 }
 
-// The package library holds the one table of part kinds and partitions.
+// The package library holds the table of part kinds and partitions (three
+// FPGA kinds share "fpga").
 std::string FlashUpgrader::partIdToPartitionName(uint32_t partId) { return qim_part_partition_name(partId); }

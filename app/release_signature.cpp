@@ -4,8 +4,12 @@
 #include <cstring>
 #include <iostream>
 
+#include <fcntl.h>
+
 #include "app/flash_upgrader.h"
 #include "qim/signature_verify.h"
+#include "support/tmp_file.h"
+#include "support/unique_handles.h"
 
 namespace release_signature {
 
@@ -14,16 +18,30 @@ namespace {
 // Why a key or signature file could not be used, from its loader's code;
 // errno is read at once, before anything can change it.
 std::string loadFailure(zel_error_t rc) {
-    switch (rc) {
-    case ZEL_NOTFOUND:
-        return "file not found";
-    case ZEL_DATATOOLONG:
-        return "file too large (more than " + std::to_string(QIM_SIGNATURE_TEXT_MAX) + " bytes)";
-    case ZEL_INVALIDDATA:
-        return "malformed";
-    default:
-        return std::string("cannot be read: ") + std::strerror(errno);
+    char text[QIM_SIGNATURE_REASON_SIZE];
+    return qim_signature_load_failure_text(rc, errno, text);
+}
+
+// Reads the key file through one descriptor that was found to be a file
+// nobody else can write. 0, or the refusal's text in *why.
+zel_error_t readGuardedKey(const std::string& keyPath, qim_signature_key* key, std::string* why) {
+    const zel::UniqueFd file(::open(keyPath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!file.valid()) {
+        *why = loadFailure(errno == ENOENT ? ZEL_NOTFOUND : ZEL_SYSTEM);
+        return ZEL_SYSTEM;
     }
+    char guard[ZEL_FILE_GUARD_TEXT_SIZE];
+    zel_error_t rc = zel_file_check_guarded(file.get(), guard);
+    if (rc == ZEL_POLICY) {
+        *why = std::string(guard) + ": only a key file nobody else can write is trusted";
+        return rc;
+    }
+    char text[QIM_SIGNATURE_TEXT_MAX];
+    std::size_t length = 0;
+    if (rc == ZEL_SUCCESS) rc = qim_signature_read_small_fd(file.get(), text, sizeof text, &length);
+    if (rc == ZEL_SUCCESS) rc = qim_signature_key_parse(text, length, key);
+    if (rc != ZEL_SUCCESS) *why = loadFailure(rc);
+    return rc;
 }
 
 }  // namespace
@@ -33,9 +51,9 @@ void printRefusal(const std::string& fileName, const std::string& reason) {
 }
 
 int loadKey(const std::string& keyPath, qim_signature_key* key) {
-    const zel_error_t rc = qim_signature_key_load(keyPath.c_str(), key);
-    if (rc != ZEL_SUCCESS) {
-        std::cerr << "Release key " << keyPath << " cannot be used: " << loadFailure(rc) << std::endl;
+    std::string why;
+    if (readGuardedKey(keyPath, key, &why) != ZEL_SUCCESS) {
+        std::cerr << "Release key " << keyPath << " cannot be used: " << why << std::endl;
         return ::exit_status::kSignatureRefused;
     }
     return 0;
@@ -67,21 +85,9 @@ namespace {
 // The refusal for a verdict of the check; the key numbers tell an operator
 // which key the file was signed with.
 int refuse(const release_signature::Release& release, zel_error_t rc, qim_signature_verdict verdict) {
-    std::string reason;
-    if (rc != ZEL_POLICY) {
-        reason = "cannot check the signature: " + std::string(zel_error_message(rc));
-    } else if (verdict == QIM_SIGNATURE_OTHER_KEY) {
-        char signer[QIM_SIGNATURE_KEY_ID_HEX_SIZE];
-        char trusted[QIM_SIGNATURE_KEY_ID_HEX_SIZE];
-        reason = std::string(qim_signature_verdict_text(verdict)) + " (key number " +
-                 qim_signature_key_id_to_hex(release.signature.key_id, signer) + ", release key " +
-                 qim_signature_key_id_to_hex(release.key.key_id, trusted) + ")";
-    } else if (verdict == QIM_SIGNATURE_UNREADABLE) {
-        reason = std::string(qim_signature_verdict_text(verdict)) + ": " + std::strerror(errno);
-    } else {
-        reason = qim_signature_verdict_text(verdict);
-    }
-    release_signature::printRefusal(release.fileName, reason);
+    char reason[QIM_SIGNATURE_REASON_SIZE];
+    release_signature::printRefusal(release.fileName, qim_signature_refusal_text(rc, verdict, &release.key,
+                                                                                 &release.signature, errno, reason));
     return ::exit_status::kSignatureRefused;
 }
 

@@ -20,7 +20,7 @@
 namespace release_signature {
 
 // The extension of a detached signature file.
-constexpr const char* kSignatureExtension = ".minisig";
+constexpr const char* kSignatureExtension = QIM_SIGNATURE_EXTENSION;
 
 // What -K asks of the run.
 struct Release {
@@ -31,6 +31,9 @@ struct Release {
 
 // Reads the public key file named after -K into `key`. 0, or
 // exit_status::kSignatureRefused after printing why the key cannot be used.
+// The key decides what is flashed, so it is used only when nobody but root
+// and brivlo's user can have written it (support/tmp_file.h): a key file
+// that another user owns or may write is refused like a malformed one.
 int loadKey(const std::string& keyPath, qim_signature_key* key);
 
 // Reads "<fileName>.minisig" beside a local firmware file. 0, or

@@ -57,7 +57,7 @@ void replaceWith(const char* path, const char* tempPath, const std::string& text
     const bool written = std::fwrite(text.data(), 1, text.size(), out.get()) == text.size();
     // Closed here so that a failed flush of the buffered text counts too.
     if (std::fclose(out.release()) == 0 && written) {
-        std::rename(tempPath, path);
+        tmp_file::renameInto(tempPath, path);
     }
 }
 

@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iostream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "support/tmp_file.h"
@@ -20,15 +22,41 @@ UniqueFile streamOf(int fd, const char* mode) {
     return file;
 }
 
+// Moves aside whatever stands at `path`, saying so. False with errno kept
+// when there is nothing to move or it cannot be moved.
+bool moveAside(const char* path) {
+    const int error = errno;
+    struct stat st;
+    char aside[ZEL_TMP_ASIDE_SIZE];
+    if (::lstat(path, &st) != 0 || zel_tmp_file_move_aside(path, aside) != ZEL_SUCCESS) {
+        errno = error;
+        return false;
+    }
+    std::cerr << "main: " << path << " could not be removed; moved aside to " << aside << std::endl;
+    return true;
+}
+
 }  // namespace
 
 UniqueFile createFresh(const char* path, mode_t mode) {
     int fd = -1;
-    if (zel_tmp_file_create(path, mode, &fd) != ZEL_SUCCESS) {
+    if (zel_tmp_file_create(path, mode, &fd) != ZEL_SUCCESS &&
+        (!moveAside(path) || zel_tmp_file_create(path, mode, &fd) != ZEL_SUCCESS)) {
         return nullptr;
     }
     // fdopen with "w" neither truncates nor creates again: the file is new.
     return streamOf(fd, "w+b");
+}
+
+int renameInto(const char* from, const char* to) {
+    if (std::rename(from, to) == 0) {
+        return 0;
+    }
+    // Only a directory stands in the way of a rename by root.
+    if ((errno != EISDIR && errno != ENOTEMPTY && errno != EEXIST) || !moveAside(to)) {
+        return -1;
+    }
+    return std::rename(from, to);
 }
 
 UniqueFile openTrusted(const char* path) {
@@ -37,13 +65,6 @@ UniqueFile openTrusted(const char* path) {
         return nullptr;
     }
     return streamOf(fd, "rb");
-}
-
-UniqueFile openImage(const char* path) {
-    if (std::strcmp(path, kDownloadPath) == 0) {
-        return openTrusted(path);
-    }
-    return UniqueFile(std::fopen(path, "rb"));
 }
 
 }  // namespace tmp_file

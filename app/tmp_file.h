@@ -25,17 +25,17 @@ using zel::UniqueFile;
 
 // A new empty file at `path`, open for reading and writing ("w+b"), created
 // with `mode` (before the umask) after whatever was at the name is removed.
+// What cannot be removed (another user's directory with files in it) is
+// moved aside to a fresh name beside it, with one line on standard error.
 UniqueFile createFresh(const char* path, mode_t mode);
+
+// rename(from, to), moving aside what cannot be replaced at `to` (a
+// directory) the same way. 0, or -1 with errno.
+int renameInto(const char* from, const char* to);
 
 // `path` open for reading ("rb") when it is a regular file owned by root or
 // by brivlo's user, reached without following a link and without blocking;
 // null for anything else, as for a missing file.
 UniqueFile openTrusted(const char* path);
-
-// fopen(path, "rb") for a file brivlo flashes. The download path is opened
-// with openTrusted: the file there is one brivlo has just written, so
-// anything else can only have been swapped in since. Any other path is the
-// operator's choice and is followed as given.
-UniqueFile openImage(const char* path);
 
 }  // namespace tmp_file

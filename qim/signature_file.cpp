@@ -4,8 +4,7 @@
 
 namespace {
 
-constexpr const char* kUntrustedPrefix = "untrusted comment: ";
-constexpr const char* kTrustedPrefix = "trusted comment: ";
+constexpr const char* kTrustedPrefix = QIM_SIGNATURE_TRUSTED_PREFIX;
 constexpr std::size_t kSignatureRecordSize = 2 + QIM_SIGNATURE_KEY_ID_SIZE + QIM_SIGNATURE_SIZE;
 
 }  // namespace
@@ -15,7 +14,7 @@ zel_error_t qim_signature_parse(const char* text, std::size_t length, qim_signat
     qim_signature_lines lines;
     if (qim_signature_split_lines(text, length, &lines) != ZEL_SUCCESS ||
         (lines.count != 2 && lines.count != 4) ||
-        !qim_signature_line_has_prefix(lines.line[0], lines.length[0], kUntrustedPrefix)) {
+        !qim_signature_line_has_prefix(lines.line[0], lines.length[0], QIM_SIGNATURE_UNTRUSTED_PREFIX)) {
         return ZEL_INVALIDDATA;
     }
     uint8_t record[kSignatureRecordSize];

@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr const char* kUntrustedPrefix = "untrusted comment: ";
+constexpr const char* kMinisignComment = QIM_SIGNATURE_UNTRUSTED_PREFIX "minisign public key";
 constexpr std::size_t kKeyRecordSize = 2 + QIM_SIGNATURE_KEY_ID_SIZE + QIM_SIGNATURE_PUBLIC_KEY_SIZE;
 
 }  // namespace
@@ -15,7 +15,7 @@ zel_error_t qim_signature_key_parse(const char* text, std::size_t length, qim_si
     if (text == nullptr || out == nullptr) return ZEL_INVALIDPARAMETER;
     qim_signature_lines lines;
     if (qim_signature_split_lines(text, length, &lines) != ZEL_SUCCESS || lines.count != 2 ||
-        !qim_signature_line_has_prefix(lines.line[0], lines.length[0], kUntrustedPrefix)) {
+        !qim_signature_line_has_prefix(lines.line[0], lines.length[0], QIM_SIGNATURE_UNTRUSTED_PREFIX)) {
         return ZEL_INVALIDDATA;
     }
     uint8_t record[kKeyRecordSize];
@@ -23,6 +23,9 @@ zel_error_t qim_signature_key_parse(const char* text, std::size_t length, qim_si
         record[0] != 'E' || record[1] != 'd') {
         return ZEL_INVALIDDATA;
     }
+    out->kind = qim_signature_line_has_prefix(lines.line[0], lines.length[0], kMinisignComment)
+                    ? QIM_SIGNATURE_KEY_MINISIGN
+                    : QIM_SIGNATURE_KEY_SIGNIFY;
     std::memcpy(out->key_id, record + 2, QIM_SIGNATURE_KEY_ID_SIZE);
     std::memcpy(out->public_key, record + 2 + QIM_SIGNATURE_KEY_ID_SIZE, QIM_SIGNATURE_PUBLIC_KEY_SIZE);
     return ZEL_SUCCESS;
@@ -47,4 +50,15 @@ char* qim_signature_key_id_to_hex(const uint8_t id[QIM_SIGNATURE_KEY_ID_SIZE],
     }
     out[2 * QIM_SIGNATURE_KEY_ID_SIZE] = '\0';
     return out;
+}
+
+const char* qim_signature_key_kind_name(uint32_t kind) {
+    switch (kind) {
+    case QIM_SIGNATURE_KEY_MINISIGN:
+        return "minisign";
+    case QIM_SIGNATURE_KEY_SIGNIFY:
+        return "signify";
+    default:
+        return "unknown";
+    }
 }

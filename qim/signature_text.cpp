@@ -1,6 +1,7 @@
 #include "qim/signature_text.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include <fcntl.h>
@@ -57,8 +58,13 @@ zel_error_t qim_signature_read_small_file(const char* path, char* buf, std::size
     if (path == nullptr || buf == nullptr || length == nullptr) return ZEL_INVALIDPARAMETER;
     const zel::UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (file.get() < 0) return errno == ENOENT ? ZEL_NOTFOUND : ZEL_SYSTEM;
+    return qim_signature_read_small_fd(file.get(), buf, size, length);
+}
+
+zel_error_t qim_signature_read_small_fd(int fd, char* buf, std::size_t size, std::size_t* length) {
+    if (buf == nullptr || length == nullptr) return ZEL_INVALIDPARAMETER;
     struct stat st;
-    if (fstat(file.get(), &st) != 0) return ZEL_SYSTEM;
+    if (fstat(fd, &st) != 0) return ZEL_SYSTEM;
     if (!S_ISREG(st.st_mode)) {
         errno = EINVAL;
         return ZEL_SYSTEM;
@@ -69,7 +75,7 @@ zel_error_t qim_signature_read_small_file(const char* path, char* buf, std::size
         // One byte past `size` tells a file that fits from one that does not.
         char* into = done < size ? buf + done : &extra;
         const std::size_t want = done < size ? size - done : 1;
-        const ssize_t got = ::read(file.get(), into, want);
+        const ssize_t got = ::read(fd, into, want);
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) return ZEL_SYSTEM;
         if (got == 0) break;
@@ -78,4 +84,23 @@ zel_error_t qim_signature_read_small_file(const char* path, char* buf, std::size
     }
     *length = done;
     return ZEL_SUCCESS;
+}
+
+char* qim_signature_load_failure_text(zel_error_t rc, int error, char out[QIM_SIGNATURE_REASON_SIZE]) {
+    switch (rc) {
+    case ZEL_NOTFOUND:
+        std::snprintf(out, QIM_SIGNATURE_REASON_SIZE, "file not found");
+        break;
+    case ZEL_DATATOOLONG:
+        std::snprintf(out, QIM_SIGNATURE_REASON_SIZE, "file too large (more than %zu bytes)",
+                      static_cast<std::size_t>(QIM_SIGNATURE_TEXT_MAX));
+        break;
+    case ZEL_INVALIDDATA:
+        std::snprintf(out, QIM_SIGNATURE_REASON_SIZE, "malformed");
+        break;
+    default:
+        std::snprintf(out, QIM_SIGNATURE_REASON_SIZE, "cannot be read: %s", std::strerror(error));
+        break;
+    }
+    return out;
 }

@@ -9,6 +9,15 @@
 
 #include "support/errors.h"
 
+// Texts shared by brivlo and qimtool, so both name files and refusals alike.
+// A detached signature lies beside its file under the file's name with this
+// extension (both tools are told to write it there).
+#define QIM_SIGNATURE_EXTENSION ".minisig"
+// The first line of every key and signature file.
+#define QIM_SIGNATURE_UNTRUSTED_PREFIX "untrusted comment: "
+// The third line of a minisign signature.
+#define QIM_SIGNATURE_TRUSTED_PREFIX "trusted comment: "
+
 // The largest key or signature file accepted. The tools write a few hundred
 // bytes; anything much larger is not one of their files.
 enum : std::size_t { QIM_SIGNATURE_TEXT_MAX = 4096 };
@@ -41,3 +50,15 @@ zel_error_t qim_signature_decode_base64(const char* line, std::size_t length, ui
 // when it holds more than `size` bytes. Never blocks on a FIFO.
 zel_error_t qim_signature_read_small_file(const char* path, char* buf, std::size_t size,
                                           std::size_t* length);
+
+// The same from the current offset of a file already open on `fd` (opened
+// without blocking); the descriptor stays open.
+zel_error_t qim_signature_read_small_fd(int fd, char* buf, std::size_t size, std::size_t* length);
+
+enum : std::size_t { QIM_SIGNATURE_REASON_SIZE = 256 };
+
+// Why a key or signature file could not be used, from the code its loader
+// returned (and `error`, the errno it left, for 2): "file not found", "file
+// too large (more than 4096 bytes)", "malformed" or "cannot be read: " and
+// the system's text. Returns `out`.
+char* qim_signature_load_failure_text(zel_error_t rc, int error, char out[QIM_SIGNATURE_REASON_SIZE]);

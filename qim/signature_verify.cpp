@@ -1,6 +1,7 @@
 #include "qim/signature_verify.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <vector>
@@ -62,6 +63,17 @@ zel_error_t refuse(qim_signature_verdict why, qim_signature_verdict* verdict) {
     return ZEL_POLICY;
 }
 
+// The first refusal before any cryptography: another key number, or a
+// signature format the key does not take. VERIFIED when there is none.
+qim_signature_verdict screen(const qim_signature_key& key, const qim_signature& signature) {
+    if (!keyMatches(key, signature)) return QIM_SIGNATURE_OTHER_KEY;
+    if (signature.kind == QIM_SIGNATURE_LEGACY) return QIM_SIGNATURE_LEGACY_REFUSED;
+    if (key.kind == QIM_SIGNATURE_KEY_SIGNIFY) {
+        return signature.kind == QIM_SIGNATURE_SIGNIFY ? QIM_SIGNATURE_VERIFIED : QIM_SIGNATURE_NEEDS_SIGNIFY;
+    }
+    return signature.kind == QIM_SIGNATURE_PREHASHED ? QIM_SIGNATURE_VERIFIED : QIM_SIGNATURE_NEEDS_COMMENT;
+}
+
 // BLAKE2b-512 of the whole file on `fd`, read in chunks.
 bool hashFile(int fd, uint8_t hash[crypto_generichash_BYTES_MAX]) {
     std::vector<uint8_t> chunk(kHashChunk);
@@ -96,7 +108,8 @@ zel_error_t qim_signature_verify_buffer(const qim_signature_key* key, const qim_
         return ZEL_INVALIDPARAMETER;
     }
     if (!startSodium()) return ZEL_NOTSUPPORTED;
-    if (!keyMatches(*key, *signature)) return refuse(QIM_SIGNATURE_OTHER_KEY, verdict);
+    const qim_signature_verdict screened = screen(*key, *signature);
+    if (screened != QIM_SIGNATURE_VERIFIED) return refuse(screened, verdict);
     if (signature->kind != QIM_SIGNATURE_PREHASHED) return conclude(*key, *signature, data, size, verdict);
     static const uint8_t kNothing = 0;
     uint8_t hash[crypto_generichash_BYTES_MAX];
@@ -109,7 +122,8 @@ zel_error_t qim_signature_verify_fd(const qim_signature_key* key, const qim_sign
                                     qim_signature_verdict* verdict) {
     if (key == nullptr || signature == nullptr || verdict == nullptr) return ZEL_INVALIDPARAMETER;
     if (!startSodium()) return ZEL_NOTSUPPORTED;
-    if (!keyMatches(*key, *signature)) return refuse(QIM_SIGNATURE_OTHER_KEY, verdict);
+    const qim_signature_verdict screened = screen(*key, *signature);
+    if (screened != QIM_SIGNATURE_VERIFIED) return refuse(screened, verdict);
     if (signature->kind == QIM_SIGNATURE_PREHASHED) {
         uint8_t hash[crypto_generichash_BYTES_MAX];
         if (!hashFile(fd, hash)) return refuse(QIM_SIGNATURE_UNREADABLE, verdict);
@@ -144,7 +158,35 @@ const char* qim_signature_verdict_text(uint32_t verdict) {
         return "trusted comment does not match its signature";
     case QIM_SIGNATURE_UNREADABLE:
         return "file cannot be read for the signature check";
+    case QIM_SIGNATURE_LEGACY_REFUSED:
+        return "legacy minisign signature (minisign -l) refused: sign with minisign's default prehashed "
+               "signatures";
+    case QIM_SIGNATURE_NEEDS_COMMENT:
+        return "signature without a trusted comment refused: a minisign key takes only minisign's "
+               "prehashed signatures";
+    case QIM_SIGNATURE_NEEDS_SIGNIFY:
+        return "minisign signature refused: a signify key takes only signify signatures";
     default:
         return "unknown verdict";
     }
+}
+
+char* qim_signature_refusal_text(zel_error_t rc, uint32_t verdict, const qim_signature_key* key,
+                                 const qim_signature* signature, int error,
+                                 char out[QIM_SIGNATURE_REASON_SIZE]) {
+    if (rc != ZEL_POLICY) {
+        std::snprintf(out, QIM_SIGNATURE_REASON_SIZE, "cannot check the signature: %s", zel_error_message(rc));
+    } else if (verdict == QIM_SIGNATURE_OTHER_KEY && key != nullptr && signature != nullptr) {
+        char signer[QIM_SIGNATURE_KEY_ID_HEX_SIZE];
+        char trusted[QIM_SIGNATURE_KEY_ID_HEX_SIZE];
+        std::snprintf(out, QIM_SIGNATURE_REASON_SIZE, "%s (key number %s, release key %s)",
+                      qim_signature_verdict_text(verdict), qim_signature_key_id_to_hex(signature->key_id, signer),
+                      qim_signature_key_id_to_hex(key->key_id, trusted));
+    } else if (verdict == QIM_SIGNATURE_UNREADABLE) {
+        std::snprintf(out, QIM_SIGNATURE_REASON_SIZE, "%s: %s", qim_signature_verdict_text(verdict),
+                      std::strerror(error));
+    } else {
+        std::snprintf(out, QIM_SIGNATURE_REASON_SIZE, "%s", qim_signature_verdict_text(verdict));
+    }
+    return out;
 }

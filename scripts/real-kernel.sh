@@ -7,12 +7,14 @@
 # scripts/real-kernel/scenarios.sh on each:
 #   nand  the kernel's NAND simulator (nandsim): 2 KiB pages, 128 KiB erase
 #         blocks, one chip split into the partitions, one block marked bad;
+#         later loaded again with other faults (bad blocks, failing erase and
+#         program, bit flips, a page that reads back garbage);
 #   nor   phram (write size 1, 64 KiB erase blocks) over RAM the kernel leaves
 #         alone (mem=), built here out of tree from Debian's kernel source.
 # Downloads go to the host's in.tftpd on a loopback port and to qemu's own TFTP
 # server, both reached from the guest as 10.0.2.2 through qemu's user-mode
-# network. Prints one PASS/FAIL line per scenario, the flashcp comparison, and
-# "N passed, N failed"; exits 1 on any failure.
+# network. Prints one PASS/FAIL line per scenario, the flashcp comparisons,
+# the erases of brivlo -D, and "N passed, N failed"; exits 1 on any failure.
 #
 # Run as root (it installs qemu-system-arm and the cross compiler with
 # scripts/deps.sh). Downloads and builds are kept in build/kernel (or
@@ -135,8 +137,7 @@ random exact.bin $mib          # as large as the partition "config"
 random big.bin $((mib + 1))    # one byte more
 random lic.bin $((100 * kib))
 random tftp.bin $((300 * kib))
-random ua-pattern.bin $((200 * kib))
-random ua.bin $((600 * kib))   # reaches the bad block (the 4th of "userarea")
+random ua.bin $((600 * kib))   # across the bad block (the 4th of "userarea")
 random big4m.bin $((4 * mib))
 random fpga-part.bin $((768 * kib))
 random config-part.bin $((64 * kib))
@@ -215,7 +216,9 @@ boot_time=$((SECONDS - boot_started))
 # --- results -----------------------------------------------------------------------
 passed=0 failed=0 expected=0
 listed() { [[ " $xfail " == *" $1 "* ]]; }
-secs() { printf '%d.%02d s' $(($1 / 100)) $(($1 % 100)); } # from centiseconds
+secs() { awk -v us="$1" 'BEGIN { printf "%.3f s", us / 1e6 }'; } # from microseconds
+# ratio A B TARGET: A / B, and whether it is within TARGET
+ratio() { awk -v a="$1" -v b="$2" -v t="$3" 'BEGIN { r = a / b; printf "%.2f (target <= %s: %s)", r, t, r <= t ? "met" : "NOT met" }'; }
 ended=false
 while IFS= read -r line; do
   line=${line%$'\r'}
@@ -237,9 +240,18 @@ while IFS= read -r line; do
     "@@ INFO TIME "*)
       read -r drv fc bc fs bs <<<"${line#@@ INFO TIME }"
       fc=${fc#*=} bc=${bc#*=} fs=${fs#*=} bs=${bs#*=}
-      echo "flashcp vs brivlo, 4 MiB on $drv: flashcp $(secs "$fc"), brivlo $(secs "$bc")," \
-        "ratio $(awk -v a="$bc" -v b="$fc" 'BEGIN { printf "%.2f", a / b }')" \
-        "(start-up alone: flashcp $(secs "$fs"), brivlo $(secs "$bs"))" ;;
+      echo "flashcp vs brivlo, 4 MiB onto erased $drv, both reading back: flashcp $(secs "$fc"), brivlo $(secs "$bc")," \
+        "ratio $(ratio "$bc" "$fc" 1.0) (start-up alone: flashcp $(secs "$fs"), brivlo $(secs "$bs"))" ;;
+    "@@ INFO AGAIN "*)
+      read -r drv bd fp fr fs <<<"${line#@@ INFO AGAIN }"
+      bd=${bd#*=} fp=${fp#*=} fr=${fr#*=} fs=${fs#*=}
+      echo "the same 4 MiB again on $drv: brivlo -D $(secs "$bd");" \
+        "flashcp -p's way $(secs "$fp"), ratio $(ratio "$bd" "$fp" 1.0);" \
+        "flashcp $(secs "$fr"), ratio $(ratio "$bd" "$fr" 0.2) (Debian's flashcp -p itself: exit status $fs)" ;;
+    "@@ INFO ERASES "*)
+      read -r drv same one at <<<"${line#@@ INFO ERASES }"
+      echo "blocks erased by brivlo -D on $drv: the same 4 MiB image ${same#*=} (target 0)," \
+        "one block changed ${one#*=} (target 1; at offset ${at#*=})" ;;
     "@@ INFO POLL "*) echo "brivlo -S answers, ${line#@@ INFO POLL }" ;;
     "@@ END") ended=true ;;
   esac

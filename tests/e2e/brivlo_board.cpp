@@ -64,4 +64,33 @@ std::string dots(std::size_t count) {
     return std::string(count, '.');
 }
 
+namespace {
+
+std::string eraseOut(uint32_t size, uint32_t eraseSize, const std::string& writingLine) {
+    const uint32_t blocks = (size + eraseSize - 1) / eraseSize;
+    // The estimate: 220000 bytes erased per second, the product in 32 bits.
+    return "Erasing Flash (wait " + std::to_string(blocks * eraseSize / 220000) + "s)\n" + dots(blocks + 1) + "\n" +
+           writingLine + "\n";
+}
+
+const char* const kComplete = "\nFlash write complete.\n";
+
+}  // namespace
+
+std::string partitionEraseOut(const std::string& name, uint32_t size, uint32_t eraseSize) {
+    return eraseOut(size, eraseSize, "Writing file to flash partition '" + name + "'");
+}
+
+std::string partitionWriteOut(const std::string& name, uint32_t size, uint32_t eraseSize) {
+    return partitionEraseOut(name, size, eraseSize) + dots(size / eraseSize) + "\n" + kComplete;
+}
+
+std::string halfWriteOut(const std::string& half, uint32_t size) {
+    return eraseOut(size, 65536, "Writing file to " + half + " flash partition") + dots(size / 65536) + "\n";
+}
+
+std::string splitWriteOut(uint32_t kernelSize, uint32_t rootfsSize) {
+    return halfWriteOut("kernel", kernelSize) + halfWriteOut("rootfs", rootfsSize) + kComplete;
+}
+
 }  // namespace e2e

@@ -4,6 +4,7 @@
 
 #include "common/flashsim_board.h"
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -33,5 +34,17 @@ public:
 using testutil::randomBytes;
 // The text of `count` dots.
 std::string dots(std::size_t count);
+
+// brivlo's standard output while it writes `size` bytes into the partition
+// `name` (blocks of `eraseSize`), up to and including the line that starts
+// the writing: the estimate, a dot per erased block and one more.
+std::string partitionEraseOut(const std::string& name, uint32_t size, uint32_t eraseSize = 65536);
+// The whole write, through "Flash write complete.": a dot per whole block
+// written after the erase.
+std::string partitionWriteOut(const std::string& name, uint32_t size, uint32_t eraseSize = 65536);
+// One half ("kernel" or "rootfs") of a combined Linux image, erased and
+// written, and both halves through "Flash write complete.".
+std::string halfWriteOut(const std::string& half, uint32_t size);
+std::string splitWriteOut(uint32_t kernelSize, uint32_t rootfsSize);
 
 }  // namespace e2e

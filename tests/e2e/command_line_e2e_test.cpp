@@ -16,13 +16,7 @@ using e2e::Board;
 const char* const kImage = "@IMAGE";  // a 1000-byte file in the test's directory
 
 // 1000 bytes into "fpga" (64 KiB erase blocks): one block, no whole chunk.
-const std::string kRawWriteOut =
-    "Erasing Flash (wait 0s)\n"
-    "..\n"
-    "Writing file to flash partition 'fpga'\n"
-    "\n"
-    "\nFlash write complete.\n"
-    "\nBrivlo done\n";
+const std::string kRawWriteOut = e2e::partitionWriteOut("fpga", 1000) + "\nBrivlo done\n";
 
 // What printUsage writes on standard error for the real program's name; its
 // text is held by tests/app's usage test.

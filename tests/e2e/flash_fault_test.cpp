@@ -177,6 +177,21 @@ const SplitFaultCase kSplitFaultCases[] = {
 INSTANTIATE_TEST_SUITE_P(Table, FaultySplit, ::testing::ValuesIn(kSplitFaultCases),
                          [](const ::testing::TestParamInfo<SplitFaultCase>& i) { return std::string(i.param.name); });
 
+TEST(FaultySplitRefusal, RootfsThatNoLongerFitsIsRefusedBeforeTheKernelIsErased) {
+    Board board({"--part", "image=3M:64K:2K", "--part", "kernel=1M:64K:2K", "--part", "rootfs=320K:64K:2K", "--nand",
+                 "rootfs", "--bad", "rootfs:2"});
+    const e2e::CombinedImage image = e2e::makeCombinedImage(board, 200000, 300000);
+    const std::string path = board.scratch("combined.bin");
+    testutil::writeFile(path, image.bytes);
+
+    const testutil::ProcessResult r = board.brivlo({"local", path, "image"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "eraseAndWriteKernelRootFs: Error - image of size 300000 does not fit the good blocks of flash "
+                     "partition rootfs (1 bad blocks)\n" + kFailed);
+    EXPECT_TRUE(board.logLines("erase kernel ").empty());
+    EXPECT_TRUE(board.logLines("erase rootfs ").empty());
+}
+
 // ---- A package part whose write the chip drops: the read-back catches it
 // and the package fails.
 

@@ -39,8 +39,7 @@ std::vector<std::string> lockRequests(const Board& board) {
 }
 
 const std::string kBoardCtl = "ioctl license request=0xc00c4d41 result=-1 errno=ENOTTY";
-const std::string kWritten =
-    "Erasing Flash (wait 0s)\n..\nWriting file to flash partition 'license'\n\n\nFlash write complete.\n";
+const std::string kWritten = e2e::partitionWriteOut("license", 1000);
 const std::string kUnlockFailed = "Error: license partition unlock failed\n";
 
 class LockRequests : public ::testing::TestWithParam<LockCase> {};

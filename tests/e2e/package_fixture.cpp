@@ -58,11 +58,7 @@ std::string report(const std::string& packagePath) {
 }
 
 std::string partOutput(const std::string& partition, uint32_t size) {
-    const uint32_t blocks = (size + kEraseSize - 1) / kEraseSize;
-    return "\nQIM partition = " + partition + "\nErasing Flash (wait " +
-           std::to_string(blocks * kEraseSize / 220000) + "s)\n" + dots(blocks + 1) +
-           "\nWriting file to flash partition '" + partition + "'\n" + dots(size / kEraseSize) +
-           "\n\nFlash write complete.\n";
+    return "\nQIM partition = " + partition + "\n" + partitionWriteOut(partition, size);
 }
 
 CombinedImage makeCombinedImage(const Board& board, uint32_t dataSize, uint32_t rootfsSize) {

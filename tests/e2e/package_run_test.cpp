@@ -34,8 +34,7 @@ const std::string kChecksum = "CHECKSUM";  // the reader's checksum line for the
 const PartSpec kConfig{"config", "1.0.0.0", e2e::randomBytes(1000, 31)};
 const PartSpec kBoot{"boot", "1.0.0.0", e2e::randomBytes(70000, 32)};
 const PartSpec kUser{"user", "1.0.0.0", e2e::randomBytes(300, 33)};
-const std::string kBootStart = "\nQIM partition = boot\nErasing Flash (wait 0s)\n...\n"
-                               "Writing file to flash partition 'boot'\n";
+const std::string kBootStart = "\nQIM partition = boot\n" + e2e::partitionEraseOut("boot", 70000);
 
 // Three parts, one per model (config: model 1, boot: 2, userarea: 3).
 PackageSpec byModel(const std::string& mfgc = "") {

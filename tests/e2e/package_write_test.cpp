@@ -38,10 +38,9 @@ TEST(PackageWrite, EverySelectedPartLandsInItsPartition) {
         EXPECT_EQ(r.status, 0);
         EXPECT_EQ(r.err, std::string("extractLinuxVerFromQim Found Linux partition and version - 0x") +
                              (v2 ? "0\n" : "4030100\n"));
-        EXPECT_EQ(r.out, e2e::report(pkg) + "\nQIM partition = image\nErasing Flash (wait 0s)\n" + dots(3) +
-                             "\nWriting file to kernel flash partition\n" + dots(1) + "\nErasing Flash (wait 0s)\n" +
-                             dots(2) + "\nWriting file to rootfs flash partition\n\n\nFlash write complete.\n" +
-                             partOutput("config", 1000) + partOutput("boot", 70000) + partOutput("userarea", 300) +
+        const uint32_t rootfsSize = static_cast<uint32_t>(image.bytes.size()) - image.kernelLength;
+        EXPECT_EQ(r.out, e2e::report(pkg) + "\nQIM partition = image\n" +
+                             e2e::splitWriteOut(image.kernelLength, rootfsSize) + partOutput("config", 1000) + partOutput("boot", 70000) + partOutput("userarea", 300) +
                              kDone);
         EXPECT_EQ(v2, r.out.find("qim file version: 2.0\n") != std::string::npos);
         EXPECT_EQ(board.partition("kernel").substr(0, 131072),

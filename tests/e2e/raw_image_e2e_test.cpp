@@ -32,13 +32,11 @@ struct RawCase {
 };
 void PrintTo(const RawCase& c, std::ostream* os) { *os << c.name; }
 
-std::string completeOut(unsigned estimate, std::size_t blocks, const std::string& name, std::size_t chunks) {
-    return "Erasing Flash (wait " + std::to_string(estimate) + "s)\n" + dots(blocks + 1) + "\n" +
-           "Writing file to flash partition '" + name + "'\n" + dots(chunks) + "\n" +
-           "\nFlash write complete.\n\nBrivlo done\n";
-}
-
 const std::string kDone = "\nBrivlo done\n";
+
+std::string completeOut(const std::string& name, uint32_t size, uint32_t eraseSize = 65536) {
+    return e2e::partitionWriteOut(name, size, eraseSize) + kDone;
+}
 const std::string kWriteFailed = "Error writing to flash\n";
 const std::string kUnlock = "lockctl license lock=0 start=0 length=65536 result=0";
 const std::string kLock = "lockctl license lock=1 start=0 length=65536 result=0";
@@ -76,13 +74,13 @@ TEST_P(RawImage, WritesOrFailsAsTheDeviceAllows) {
 
 const RawCase kRawCases[] = {
     {"FullChunksAndRemainder", {"--part", "fpga=1M:4K"}, {}, "fpga", 100 * 4096 + 10,
-     completeOut(1, 101, "fpga", 100), "", 101, {}, Content::Written, "no"},
-    {"ExactlyPartitionSize", {"--part", "fpga=256K"}, {}, "fpga", 262144, completeOut(1, 4, "fpga", 4), "", 4, {},
+     completeOut("fpga", 100 * 4096 + 10, 4096), "", 101, {}, Content::Written, "no"},
+    {"ExactlyPartitionSize", {"--part", "fpga=256K"}, {}, "fpga", 262144, completeOut("fpga", 262144), "", 4, {},
      Content::Written, "no"},
-    {"FortyBlocksEstimate", {}, {}, "fpga", 2621440, completeOut(11, 40, "fpga", 40), "", 40, {}, Content::Written,
+    {"FortyBlocksEstimate", {}, {}, "fpga", 2621440, completeOut("fpga", 2621440), "", 40, {}, Content::Written,
      "no"},
-    {"EmptyImage", {}, {}, "fpga", 0, completeOut(0, 0, "fpga", 0), "", 0, {}, Content::Written, "no"},
-    {"ProtectedPartitionFull", {}, {}, "license", 65536, completeOut(0, 1, "license", 1), "", 1, {kUnlock, kLock},
+    {"EmptyImage", {}, {}, "fpga", 0, completeOut("fpga", 0), "", 0, {}, Content::Written, "no"},
+    {"ProtectedPartitionFull", {}, {}, "license", 65536, completeOut("license", 65536), "", 1, {kUnlock, kLock},
      Content::Written, "yes"},
     // Refusals before anything is unlocked or erased.
     {"OneByteTooLarge", {"--part", "fpga=256K"}, {}, "fpga", 262145, kDone,
@@ -96,9 +94,9 @@ const RawCase kRawCases[] = {
     // Partitions with a write unit (NAND pages): the odd tail is padded
     // with 0xFF to a whole 2 KiB unit; a unit it cannot be written in is
     // refused before anything is unlocked or erased.
-    {"OddLengthOn2KPages", {"--part", "fpga=1M:128K:2K"}, {}, "fpga", 131072 + 3001, completeOut(1, 2, "fpga", 1), "",
+    {"OddLengthOn2KPages", {"--part", "fpga=1M:128K:2K"}, {}, "fpga", 131072 + 3001, completeOut("fpga", 131072 + 3001, 131072), "",
      2, {}, Content::Written, "no"},
-    {"WholePagesOn2KPages", {"--part", "fpga=1M:128K:2K"}, {}, "fpga", 4096, completeOut(0, 1, "fpga", 0), "", 1, {},
+    {"WholePagesOn2KPages", {"--part", "fpga=1M:128K:2K"}, {}, "fpga", 4096, completeOut("fpga", 4096, 131072), "", 1, {},
      Content::Written, "no"},
     {"WriteSizeZero", {"--part", "fpga=1M:128K:0"}, {}, "fpga", 1000, kDone,
      "writeImageToFlash: Invalid write size fpga\n" + kWriteFailed, 0, {}, Content::Untouched, "no"},
@@ -111,20 +109,19 @@ const RawCase kRawCases[] = {
      "writeImageToFlashError unlocking flash 'license'\n" + kWriteFailed, 0,
      {"lockctl license lock=0 start=0 length=65536 result=-1 errno=EIO"}, Content::Untouched, "yes"},
     {"LockFaultLeavesImageWritten", {}, {"license", "lock"}, "license", 1000,
-     "Erasing Flash (wait 0s)\n..\nWriting file to flash partition 'license'\n\n"
-     "Error: license partition lock failed\n" + kDone,
+     e2e::partitionEraseOut("license", 1000) + "\nError: license partition lock failed\n" + kDone,
      "writeImageToFlashError locking flash 'license'\n" + kWriteFailed, 1,
      {kUnlock, "lockctl license lock=1 start=0 length=65536 result=-1 errno=EIO"}, Content::Written, "no"},
     {"EraseFaultOnThirdBlock", {}, {"fpga", "erase", "2"}, "fpga", 300000, "Erasing Flash (wait 1s)\n.." + kDone,
      "writeImageToFlash: Error erasing flash partition 'fpga'\n" + kWriteFailed, 3, {}, Content::NotChecked, "no"},
     {"ShortWriteOfSecondChunk", {}, {"fpga", "short-write", "2"}, "fpga", 300000,
-     "Erasing Flash (wait 1s)\n......\nWriting file to flash partition 'fpga'\n." + kDone,
+     e2e::partitionEraseOut("fpga", 300000) + "." + kDone,
      "writeToFlash: Error writing blocks to flash \n" + kWriteFailed, 5, {}, Content::NotChecked, "no"},
     {"FailedWriteOfRemainder", {}, {"fpga", "fail-write", "5"}, "fpga", 300000,
-     "Erasing Flash (wait 1s)\n......\nWriting file to flash partition 'fpga'\n....\n" + kDone,
+     e2e::partitionEraseOut("fpga", 300000) + "....\n" + kDone,
      "writeToFlash: Error writing to flash\n" + kWriteFailed, 5, {}, Content::NotChecked, "no"},
     {"ShortWriteOnProtectedPartitionLeavesItUnlocked", {}, {"license", "short-write", "1"}, "license", 65536,
-     "Erasing Flash (wait 0s)\n..\nWriting file to flash partition 'license'\n" + kDone,
+     e2e::partitionEraseOut("license", 65536) + kDone,
      "writeToFlash: Error writing blocks to flash \n" + kWriteFailed, 1, {kUnlock}, Content::NotChecked, "no"},
 };
 
@@ -215,37 +212,31 @@ const std::vector<std::string> kSmall = {"--part", "image=3M", "--part", "kernel
 const std::vector<std::string> kKernel256K = {"--part", "image=3M", "--part", "kernel=256K", "--part", "rootfs=1M"};
 const std::vector<std::string> kPages2K = {"--part", "image=3M:64K:2K", "--part", "kernel=1M:64K:2K", "--part",
                                            "rootfs=1M:64K:2K"};
-const uint32_t kFillsKernel256K = 262144 - 65536 - 0x700;
+// What precedes the kernel's data in a combined image (makeCombinedImage):
+// a block, then the U-Boot header and the rest of 0x700 bytes.
+const uint32_t kKernelHead = 65536 + 0x700;
+const uint32_t kFillsKernel256K = 262144 - kKernelHead;
 const std::string kRefused = "Error writing to flash\n";
 
 const SplitCase kSplitCases[] = {
     // kernelLength 267328: 5 blocks, 4 whole chunks; rootfs 300000: 5 blocks.
     {"KernelAndRootfs", kSmall, Header::AfterFirstBlock, 200000, 300000, 0,
-     "Erasing Flash (wait 1s)\n" + dots(6) + "\nWriting file to kernel flash partition\n" + dots(4) +
-         "\nErasing Flash (wait 1s)\n" + dots(6) + "\nWriting file to rootfs flash partition\n" + dots(4) +
-         "\n\nFlash write complete.\n\nBrivlo done\n",
-     "", true, true},
+     e2e::splitWriteOut(kKernelHead + 200000, 300000) + kDone, "", true, true},
     {"KernelExactlyFillingItsPartition", kKernel256K, Header::AfterFirstBlock, kFillsKernel256K, 1000, 0,
-     "Erasing Flash (wait 1s)\n" + dots(5) + "\nWriting file to kernel flash partition\n" + dots(4) +
-         "\nErasing Flash (wait 0s)\n" + dots(2) + "\nWriting file to rootfs flash partition\n" +
-         "\n\nFlash write complete.\n\nBrivlo done\n",
-     "", true, true},
+     e2e::splitWriteOut(kKernelHead + kFillsKernel256K, 1000) + kDone, "", true, true},
     {"HeaderAtOffsetZero", kSmall, Header::AtOffsetZero, 1000, 100000, 0, kDone,
      "eraseAndWriteKernelRootFsU-boot header magic incorrect\n" + kRefused, false, false},
     {"KernelOneByteTooBig", kKernel256K, Header::AfterFirstBlock, kFillsKernel256K + 1, 1000, 0, kDone,
      "eraseAndWriteKernelRootFsImage size too big for kernel partition\n" + kRefused, false, false},
     {"RootfsTooBigAfterKernelWritten", {"--part", "image=3M", "--part", "kernel=1M", "--part", "rootfs=256K"},
      Header::AfterFirstBlock, 1000, 262145, 0,
-     "Erasing Flash (wait 0s)\n" + dots(3) + "\nWriting file to kernel flash partition\n" + dots(1) + "\n" + kDone,
+     e2e::halfWriteOut("kernel", kKernelHead + 1000) + kDone,
      "eraseAndWriteKernelRootFsImage size too big for rootfs partition\n" + kRefused, true, false},
     // 2 KiB write units: both halves end in a partial unit, each padded to
     // its own partition's unit; a rootfs unit that does not divide its erase
     // block is refused before the kernel is erased.
     {"OddHalvesOn2KPages", kPages2K, Header::AfterFirstBlock, 200001, 300001, 0,
-     "Erasing Flash (wait 1s)\n" + dots(6) + "\nWriting file to kernel flash partition\n" + dots(4) +
-         "\nErasing Flash (wait 1s)\n" + dots(6) + "\nWriting file to rootfs flash partition\n" + dots(4) +
-         "\n\nFlash write complete.\n\nBrivlo done\n",
-     "", true, true},
+     e2e::splitWriteOut(kKernelHead + 200001, 300001) + kDone, "", true, true},
     {"RootfsWriteUnitRefusedBeforeKernelErase",
      {"--part", "image=3M", "--part", "kernel=1M", "--part", "rootfs=1M:64K:3000"}, Header::AfterFirstBlock, 1000,
      1000, 0, kDone, "eraseAndWriteKernelRootFs: Invalid write size rootfs partition\n" + kRefused, false, false},

@@ -15,6 +15,7 @@
 #include "common/fake_tftp_server.h"
 #include "common/tftpd.h"
 #include "package_fixture.h"
+#include "release_keys.h"
 
 namespace {
 
@@ -23,48 +24,13 @@ using testutil::ProcessResult;
 
 constexpr int kRefused = 14;
 
-enum class Tool { kMinisign, kMinisignLegacy, kSignify };
+using e2e::KeyPair;
+using e2e::makeKeys;
+using e2e::sign;
+using e2e::Tool;
+
 enum class Form { kRaw, kPackage };
 enum class Source { kLocal, kTftp };
-
-// Runs a signing tool; fails the test when it fails.
-void run(const std::vector<std::string>& argv) {
-    const ProcessResult r = testutil::runProcess(argv);
-    ASSERT_EQ(r.status, 0) << argv[0] << ": " << r.err << r.out;
-}
-
-// A key pair of one tool in the board's scratch directory: <name>.pub, <name>.sec.
-struct KeyPair {
-    Tool tool;
-    std::string pub;
-    std::string sec;
-};
-
-KeyPair makeKeys(const Board& board, Tool tool, const std::string& name) {
-    KeyPair k{tool, board.scratch(name + ".pub"), board.scratch(name + ".sec")};
-    if (tool == Tool::kSignify) {
-        run({"/usr/bin/signify-openbsd", "-G", "-n", "-p", k.pub, "-s", k.sec});
-    } else {
-        run({"/usr/bin/minisign", "-G", "-W", "-p", k.pub, "-s", k.sec});
-    }
-    return k;
-}
-
-// Signs `file` into `file`.minisig (or `out`).
-void sign(const KeyPair& k, const std::string& file, std::string out = "") {
-    if (out.empty()) out = file + ".minisig";
-    switch (k.tool) {
-    case Tool::kSignify:
-        run({"/usr/bin/signify-openbsd", "-S", "-s", k.sec, "-m", file, "-x", out});
-        break;
-    case Tool::kMinisignLegacy:
-        run({"/usr/bin/minisign", "-S", "-l", "-s", k.sec, "-m", file, "-x", out});
-        break;
-    case Tool::kMinisign:
-        run({"/usr/bin/minisign", "-S", "-s", k.sec, "-m", file, "-x", out, "-t", "release 1.2"});
-        break;
-    }
-}
 
 // The firmware of a case: a raw image for fpga, or a package with one fpga part.
 std::string makeFirmware(const Board& board, Form form, const std::string& data) {
@@ -130,12 +96,10 @@ TEST_P(SignedAccepted, IsFlashed) {
 INSTANTIATE_TEST_SUITE_P(E2e, SignedAccepted,
                          ::testing::Values(
                              AcceptCase{"PackagePrehashedLocal", Tool::kMinisign, Form::kPackage, Source::kLocal},
-                             AcceptCase{"PackageLegacyLocal", Tool::kMinisignLegacy, Form::kPackage, Source::kLocal},
                              AcceptCase{"PackageSignifyLocal", Tool::kSignify, Form::kPackage, Source::kLocal},
                              AcceptCase{"PackagePrehashedTftp", Tool::kMinisign, Form::kPackage, Source::kTftp},
                              AcceptCase{"RawPrehashedLocal", Tool::kMinisign, Form::kRaw, Source::kLocal},
-                             AcceptCase{"RawSignifyTftp", Tool::kSignify, Form::kRaw, Source::kTftp},
-                             AcceptCase{"RawLegacyTftp", Tool::kMinisignLegacy, Form::kRaw, Source::kTftp}),
+                             AcceptCase{"RawSignifyTftp", Tool::kSignify, Form::kRaw, Source::kTftp}),
                          [](const ::testing::TestParamInfo<AcceptCase>& i) { return i.param.name; });
 
 // What a refusal case does between signing and the run: the firmware path,

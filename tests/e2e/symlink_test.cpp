@@ -27,8 +27,7 @@ const char* const kUrl = "@URL";      // tftp:// URL of a fake server serving 10
 const std::string kVictimContent = "status=2\ntotal=1000\ncurrent=500";
 
 // 1000 bytes into "config" (64 KiB erase blocks): one block, no whole chunk.
-const std::string kRawOut = "Erasing Flash (wait 0s)\n..\nWriting file to flash partition 'config'\n\n"
-                            "\nFlash write complete.\n\nBrivlo done\n";
+const std::string kRawOut = e2e::partitionWriteOut("config", 1000) + "\nBrivlo done\n";
 const std::string kDownloadOut = "Starting file download\n 1000 bytes transferred\n" + kRawOut;
 
 enum class Victim { Existing, Missing };

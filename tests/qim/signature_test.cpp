@@ -48,6 +48,25 @@ std::string replaced(std::string text, const std::string& from, const std::strin
     return at == std::string::npos ? text : text.replace(at, from.size(), to);
 }
 
+// The 64 bytes a prehashed signature signs: `b2sum` of kMessage.
+std::string messageHash() {
+    const char* hex =
+        "8c981a3eab3abf62328e8fe19a7067aafa5c6711d90adf23a9eaec71ea5ac18f"
+        "21e7176adb7609404866eec1fbba41e04a7296c5fefc4b93e0981f98e88ec8f1";
+    std::string bytes;
+    for (std::size_t i = 0; i < 128; i += 2) bytes += static_cast<char>(std::stoi(std::string(hex + i, 2), nullptr, 16));
+    return bytes;
+}
+
+// The release keys with their comments swapped: the key bytes and numbers
+// stay, the kind follows the comment.
+std::string asSignifyKey(const std::string& key) {
+    return replaced(key, "minisign public key 57170AD0F66E77D2", "signify public key");
+}
+std::string asMinisignKey(const std::string& key) {
+    return replaced(key, "signify public key", "minisign public key A69E175321354482");
+}
+
 struct ParseCase {
     const char* name;
     std::string text;
@@ -122,6 +141,12 @@ TEST(Signature, KindsAndKeyNumbersAsTheToolsShowThem) {
     ASSERT_EQ(qim_signature_key_parse(kMinisignKey.data(), kMinisignKey.size(), &key), ZEL_SUCCESS);
     char hex[QIM_SIGNATURE_KEY_ID_HEX_SIZE];
     EXPECT_STREQ(qim_signature_key_id_to_hex(key.key_id, hex), "57170AD0F66E77D2");
+    EXPECT_EQ(key.kind, QIM_SIGNATURE_KEY_MINISIGN);
+    ASSERT_EQ(qim_signature_key_parse(kSignifyKey.data(), kSignifyKey.size(), &key), ZEL_SUCCESS);
+    EXPECT_EQ(key.kind, QIM_SIGNATURE_KEY_SIGNIFY);
+    const std::string commented = replaced(kSignifyKey, "signify public key", "release 2026 public key");
+    ASSERT_EQ(qim_signature_key_parse(commented.data(), commented.size(), &key), ZEL_SUCCESS);
+    EXPECT_EQ(key.kind, QIM_SIGNATURE_KEY_SIGNIFY) << "signify -c: any comment but minisign's";
     qim_signature sig;
     ASSERT_EQ(qim_signature_parse(kPrehashed.data(), kPrehashed.size(), &sig), ZEL_SUCCESS);
     EXPECT_EQ(sig.kind, QIM_SIGNATURE_PREHASHED);
@@ -174,11 +199,23 @@ INSTANTIATE_TEST_SUITE_P(
     Signature, Verify,
     ::testing::Values(
         VerifyCase{"Prehashed", kMinisignKey, kPrehashed, kMessage, ZEL_SUCCESS, QIM_SIGNATURE_VERIFIED},
-        VerifyCase{"Legacy", kMinisignKey, kLegacy, kMessage, ZEL_SUCCESS, QIM_SIGNATURE_VERIFIED},
+        VerifyCase{"Legacy", kMinisignKey, kLegacy, kMessage, ZEL_POLICY, QIM_SIGNATURE_LEGACY_REFUSED},
         VerifyCase{"Signify", kSignifyKey, kSignify, kMessage, ZEL_SUCCESS, QIM_SIGNATURE_VERIFIED},
         VerifyCase{"PrehashedChangedByte", kMinisignKey, kPrehashed, "firmware 1.2.4\n", ZEL_POLICY,
                    QIM_SIGNATURE_BAD},
-        VerifyCase{"LegacyChangedByte", kMinisignKey, kLegacy, "firmware 1.2.4\n", ZEL_POLICY, QIM_SIGNATURE_BAD},
+        // A prehashed signature relabelled "Ed" is a valid Ed25519 signature
+        // of the 64 bytes of the file's hash.
+        VerifyCase{"PrehashedRelabelledLegacyOverItsHash", kMinisignKey, replaced(kPrehashed, "RUTS", "RWTS"),
+                   messageHash(), ZEL_POLICY, QIM_SIGNATURE_LEGACY_REFUSED},
+        VerifyCase{"LegacyUnderSignifyKey", asSignifyKey(kMinisignKey), kLegacy, kMessage, ZEL_POLICY,
+                   QIM_SIGNATURE_LEGACY_REFUSED},
+        // Without its trusted comment a legacy signature has signify's shape.
+        VerifyCase{"LegacyWithoutComment", kMinisignKey, kLegacy.substr(0, kLegacy.find("trusted comment: l")),
+                   kMessage, ZEL_POLICY, QIM_SIGNATURE_NEEDS_COMMENT},
+        VerifyCase{"SignifyUnderMinisignKey", asMinisignKey(kSignifyKey), kSignify, kMessage, ZEL_POLICY,
+                   QIM_SIGNATURE_NEEDS_COMMENT},
+        VerifyCase{"PrehashedUnderSignifyKey", asSignifyKey(kMinisignKey), kPrehashed, kMessage, ZEL_POLICY,
+                   QIM_SIGNATURE_NEEDS_SIGNIFY},
         VerifyCase{"SignifyEmptyFile", kSignifyKey, kSignify, "", ZEL_POLICY, QIM_SIGNATURE_BAD},
         VerifyCase{"PrehashedEmptyFile", kMinisignKey, kPrehashed, "", ZEL_POLICY, QIM_SIGNATURE_BAD},
         VerifyCase{"ChangedTrustedComment", kMinisignKey, replaced(kPrehashed, "1.2.3\n", "1.2.4\n"), kMessage,
@@ -189,7 +226,8 @@ INSTANTIATE_TEST_SUITE_P(
         VerifyCase{"OtherKey", kSignifyKey, kPrehashed, kMessage, ZEL_POLICY, QIM_SIGNATURE_OTHER_KEY},
         // The key number is only a label: a key with the right number and
         // other key bytes still refuses.
-        VerifyCase{"KeyNumberForged", replaced(kSignifyKey, "RWSCRDUhUxeepoFK", "RWTSd2720AoXV6Il"), kPrehashed,
+        VerifyCase{"KeyNumberForged", asMinisignKey(replaced(kSignifyKey, "RWSCRDUhUxeepoFK", "RWTSd2720AoXV6Il")),
+                   kPrehashed,
                    kMessage, ZEL_POLICY, QIM_SIGNATURE_BAD}),
     [](const ::testing::TestParamInfo<VerifyCase>& i) { return i.param.name; });
 

@@ -9,8 +9,7 @@
 #include "common/process.h"
 #include "common/tempdir.h"
 #include "qim/capability.h"
-#include "qim/package.h"
-#include "qim/report.h"
+#include "qim/names.h"
 
 namespace {
 
@@ -23,15 +22,15 @@ ProcessResult qimtool(std::vector<std::string> args) {
 
 bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
-// What the library's report prints for a package file.
-std::string library_report(const std::string& path) {
-    qim_package* pkg = nullptr;
-    EXPECT_EQ(qim_package_create(&pkg), 0u);
-    EXPECT_EQ(qim_package_load(pkg, path.c_str()), 0u);
-    testing::internal::CaptureStdout();
-    qim_package_print(pkg);
-    qim_package_free(pkg);
-    return testing::internal::GetCapturedStdout();
+// The big-endian 32-bit field at `offset` of a file, in hexadecimal as the
+// report prints it.
+std::string hexField(const std::string& path, std::size_t offset) {
+    const std::vector<uint8_t> bytes = testutil::readBytes(path);
+    uint32_t value = 0;
+    for (std::size_t i = 0; i < 4; ++i) value = value << 8 | bytes.at(offset + i);
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%x", value);
+    return text;
 }
 
 class Qimtool : public testing::Test {
@@ -68,14 +67,26 @@ TEST_F(Qimtool, VerifyInfoJsonExtract) {
     EXPECT_EQ(std::count(v.out.begin(), v.out.end(), '\n'), 1);
     EXPECT_TRUE(has(v.out, "ok"));
 
-    const std::string report = library_report(dir.file("a.qim"));
-    ProcessResult info = qimtool({"info", dir.file("a.qim")});
+    // The report written out by hand from the package built in SetUp; only
+    // the two checksums are taken from the file (v3 header offsets 24, 60).
+    const std::string a = dir.file("a.qim");
+    const std::string report =
+        "num parts 3\nnum models 2\ndevice_code: " + std::string(qim_device_code_name(40)) + " (0x28)\n"
+        "product_version: 0x00010203\nmfgc_id: 41434d4500000000 ('ACME....')\n\nqim file version: 3.1\n"
+        "checksum: " + hexField(a, 24) + "\nheader_checksum: " + hexField(a, 60) + "\n\n"
+        "part_id: image (0x1)\nrelease_version: 4.2.6.0\npart_seq_num: 0\noffset: 0\nsize: 3000\n\n"
+        "part_id: cap1 (0x9)\nrelease_version: 0.0.0.0\npart_seq_num: 1\noffset: 3000\nsize: 1024\n\n"
+        "part_id: fpga (0x2)\nrelease_version: 1.0.0.0\npart_seq_num: 2\noffset: 4024\nsize: 77\n\n"
+        "model_id: 4d31000000000000 ('M1......')\npart_mask: 0x3 (0/image, 1/cap1)\n\n"
+        "model_id: 4d32000000000000 ('M2......')\npart_mask: 0x4 (2/fpga)\n\n";
+    ProcessResult info = qimtool({"info", a});
     EXPECT_EQ(info.status, 0);
     // The report, then whether a detached signature lies beside the file.
-    EXPECT_EQ(info.out, report + "Signature: none (no " + dir.file("a.qim") + ".minisig)\n");
-    EXPECT_TRUE(has(report, "part_mask: 0x3 (0/image, 1/cap1)"));
-    EXPECT_EQ(qimtool({"info", dir.file("v2.qim")}).out,
-              library_report(dir.file("v2.qim")) + "Signature: none (no " + dir.file("v2.qim") + ".minisig)\n");
+    EXPECT_EQ(info.out, report + "Signature: none (no " + a + ".minisig)\n");
+    // Version 2: no manufacturer, no header checksum, one model for any.
+    const std::string v2 = qimtool({"info", dir.file("v2.qim")}).out;
+    EXPECT_NE(v2.find("mfgc_id: 0000000000000000 ('........')\n\nqim file version: 2.0\n"), std::string::npos) << v2;
+    EXPECT_NE(v2.find("header_checksum: 0x0\n\n"), std::string::npos) << v2;
 
     ProcessResult j = qimtool({"info", dir.file("a.qim"), "--json"});
     ASSERT_EQ(j.status, 0) << j.err;

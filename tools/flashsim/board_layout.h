@@ -27,6 +27,8 @@ constexpr const char* kBoardFile = "board";  // this record
 constexpr const char* kLogFile = "log";      // operation log, one line per operation
 constexpr const char* kFlashDir = "flash";   // flash/<name>: partition contents
 constexpr const char* kTmpDir = "tmp";       // tmp/<file>: the board's fixed /tmp files
+constexpr const char* kRunDir = "run";       // the board's /run (mode 0755)
+constexpr const char* kLockFile = "run/brivlo.lock";  // the board's /run/brivlo.lock
 
 // Persistent faults (bits of PartRecord::faults).
 enum FaultBits : uint32_t {

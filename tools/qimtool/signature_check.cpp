@@ -15,20 +15,13 @@ namespace qimtool {
 
 namespace {
 
-constexpr const char* kExtension = ".minisig";
+constexpr const char* kExtension = QIM_SIGNATURE_EXTENSION;
 
-// Why a key or signature file cannot be used; errno read at once.
+// Why a key or signature file cannot be used, in brivlo's words; errno read
+// at once.
 std::string load_failure(zel_error_t rc) {
-    switch (rc) {
-    case ZEL_NOTFOUND:
-        return "not found";
-    case ZEL_DATATOOLONG:
-        return "too large to be a signature or key file";
-    case ZEL_INVALIDDATA:
-        return "malformed";
-    default:
-        return std::string("cannot be read: ") + std::strerror(errno);
-    }
+    char text[QIM_SIGNATURE_REASON_SIZE];
+    return qim_signature_load_failure_text(rc, errno, text);
 }
 
 std::string key_number(const uint8_t id[QIM_SIGNATURE_KEY_ID_SIZE]) {
@@ -96,11 +89,8 @@ bool verify_signature(const std::string& file, const std::string& key_path) {
     qim_signature_verdict verdict = QIM_SIGNATURE_UNREADABLE;
     rc = qim_signature_verify_fd(&key, &sig, in.fd, &verdict);
     if (rc != ZEL_SUCCESS) {
-        std::string reason = rc == ZEL_POLICY ? qim_signature_verdict_text(verdict) : "cannot check";
-        if (verdict == QIM_SIGNATURE_OTHER_KEY) {
-            reason += " (key number " + key_number(sig.key_id) + ", key " + key_number(key.key_id) + ")";
-        }
-        failure("verify", file + ": " + reason);
+        char reason[QIM_SIGNATURE_REASON_SIZE];
+        failure("verify", file + ": " + qim_signature_refusal_text(rc, verdict, &key, &sig, errno, reason));
         return false;
     }
     std::printf("%s: signature ok: %s, key number %s\n", file.c_str(), qim_signature_kind_name(sig.kind),

@@ -80,6 +80,11 @@ void BoardDir::create(const std::string& dir, const BoardRecord& record) {
     const std::string tmp = dir + "/" + kTmpDir;
     makeDir(tmp);
     if (::chmod(tmp.c_str(), 01777) != 0) throw systemError("cannot make " + tmp + " world-writable");
+    // Like /run: only the board directory's owner (root on the board) may
+    // create files there, such as the upgrade lock.
+    const std::string run = dir + "/" + kRunDir;
+    makeDir(run);
+    if (::chmod(run.c_str(), 0755) != 0) throw systemError("cannot set the mode of " + run);
     const std::string logPath = dir + "/" + kLogFile;
     Fd log(::open(logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (log.get() < 0) throw systemError("cannot create " + logPath);

@@ -26,7 +26,17 @@ TrackedFd g_fds[kMaxTracked];
 
 constexpr char kTmp[] = "/tmp";
 constexpr char kFlashPrefix[] = "/dev/flash/";
-constexpr char kFlashFolder[] = "/dev/flash";
+
+// Paths mapped as they stand to a file or folder of the board.
+struct FixedPath {
+    const char* path;
+    const char* board;
+};
+const FixedPath kFixedPaths[] = {
+    {"/dev/flash", kFlashDir},
+    {"/run", kRunDir},
+    {"/run/brivlo.lock", kLockFile},
+};
 
 bool startsWith(const char* s, const char* prefix, size_t prefixLength) {
     return std::strncmp(s, prefix, prefixLength) == 0;
@@ -213,12 +223,14 @@ void resolvePath(const char* path, ResolvedPath& out) {
     if (path == nullptr || path[0] != '/' || sim() == nullptr) return;
 
     if (resolveTmpPath(path, out)) return;
-    // The device folder itself, so a program can take a lock on it.
-    if (std::strcmp(path, kFlashFolder) == 0) {
+    // The device folder itself, and the folder of the upgrade lock with its
+    // file, so a program can take a lock on the board instead of the host.
+    for (const FixedPath& fixed : kFixedPaths) {
+        if (std::strcmp(path, fixed.path) != 0) continue;
         size_t pos = 0;
         out.path[0] = '\0';
         const bool fits = append(out.path, pos, g_sim.dir) && append(out.path, pos, "/") &&
-                          append(out.path, pos, kFlashDir);
+                          append(out.path, pos, fixed.board);
         out.kind = fits ? PathKind::Mapped : PathKind::MissingPartition;
         return;
     }
