@@ -13,7 +13,7 @@
 #include <sys/stat.h>
 #include <utility>
 
-#include "app/exit_status.h"
+#include "app/result_code.h"
 #include "app/release_signature.h"
 #include "app/status_file.h"
 #include "app/stop_signal.h"
@@ -183,13 +183,13 @@ int FlashUpgrader::downloadFile(const std::string& host, const std::string& port
         std::exit(-1);
     case TransferEnd::kNotOpened:
         std::cerr << "Error opening local file " << errorText << std::endl;
-        return exit_status::kDownloadOpenFailed;
+        return result_code::kDownloadOpenFailed;
     case TransferEnd::kNotStarted:
         std::cerr << "Error initiating recv: " << errorText << std::endl;
-        return exit_status::kDownloadStartFailed;
+        return result_code::kDownloadStartFailed;
     case TransferEnd::kEventsFailed:
         std::cerr << "Error processing events: " << errorText << std::endl;
-        return exit_status::kDownloadEventsFailed;
+        return result_code::kDownloadEventsFailed;
     case TransferEnd::kRequestFailed:
         return static_cast<int>(error);
     case TransferEnd::kStopped:
@@ -237,7 +237,7 @@ int FlashUpgrader::downloadSignature(const std::string& host, const std::string&
         break;
     }
     release_signature::printRefusal(remoteName, reason);
-    return exit_status::kSignatureRefused;
+    return result_code::kSignatureRefused;
 }
 
 void FlashUpgrader::tftpRequestCallback(zel_tftp_client_request* request) {

@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 #include <utility>
 
-#include "app/exit_status.h"
+#include "app/result_code.h"
 #include "app/flash_upgrader.h"
 #include "app/release_signature.h"
 #include "app/tmp_file.h"
@@ -56,7 +56,7 @@ int FlashUpgrader::openFirmware(const std::string& path, zel::UniqueFd* fd) {
         return ZEL_SUCCESS;
     case firmware_file::Opened::kUnguarded:
         release_signature::printRefusal(releaseSignature->fileName, why);
-        return exit_status::kSignatureRefused;
+        return result_code::kSignatureRefused;
     case firmware_file::Opened::kUnreadable:
         break;
     }

@@ -126,7 +126,7 @@ public:
     // file `remoteName` from host:port into `text`
     // (at most QIM_SIGNATURE_TEXT_MAX bytes), after the firmware download,
     // without a file. 0; ZEL_INTERRUPTED when a stop signal arrived;
-    // exit_status::kSignatureRefused after printing why there is no signature.
+    // result_code::kSignatureRefused after printing why there is no signature.
     int downloadSignature(const std::string& host, const std::string& port, const std::string& remoteName,
                           std::string* text);
     // The TFTP client's callback; finds its FlashUpgrader through the client's
@@ -135,7 +135,7 @@ public:
 
     // Signed upgrades. With a release set (not owned; it outlives the
     // flash steps), verifyRelease checks its signature over the bytes about to
-    // be flashed: 0, or exit_status::kSignatureRefused after the
+    // be flashed: 0, or result_code::kSignatureRefused after the
     // refusal line. Without one both return 0 at once.
     void setRelease(const release_signature::Release* release);
 
@@ -148,7 +148,7 @@ public:
     // Opens the firmware file to flash (app/firmware_file.h), guarded when a
     // release is set: 0 with *fd set; 2 (SYSTEM) when it cannot be read or
     // is no regular file (the caller reports that its own way);
-    // exit_status::kSignatureRefused after the refusal line.
+    // result_code::kSignatureRefused after the refusal line.
     int openFirmware(const std::string& path, zel::UniqueFd* fd);
 
 private:

@@ -3,17 +3,14 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
-#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include <sys/stat.h>
-
 #include "app/command_line.h"
 #include "app/exit_status.h"
 #include "app/flash_upgrader.h"
-#include "app/image_buffer.h"
+#include "app/raw_image.h"
 #include "app/release_signature.h"
 #include "app/status_file.h"
 #include "app/stop_signal.h"
@@ -22,77 +19,15 @@
 #include "net/env.h"
 #include "net/log.h"
 #include "qim/qim_id.h"
-#include "support/system.h"
 
 namespace {
-
-// Reads the whole raw image of `length` bytes from `file`. False when it
-// cannot be read, is larger than the 32-bit size the writer takes, or memory
-// runs out; no buffer is ever sized from a length that was not determined.
-bool readRawImage(int file, uint64_t length, ImageBuffer* image) {
-    if (length > std::numeric_limits<uint32_t>::max() || length > std::numeric_limits<std::size_t>::max() ||
-        !image->allocate(static_cast<std::size_t>(length))) {
-        return false;
-    }
-    // A file that ends early was changed under us: as unreadable as one
-    // whose read fails.
-    std::size_t got = 0;
-    return zel_read_at(file, 0, image->data(), image->size(), &got) == ZEL_SUCCESS && got == image->size();
-}
-
-// The raw path of step "flash": failures of reading and writing are
-// reported, never turned into an exit status. A refused signature (-K) is:
-// the image is checked in the buffer the writer then takes, before any erase.
-// Returns 0 or the refusal's exit status.
-int flashRawImage(FlashUpgrader& upgrader, const std::string& path, const std::string& partition) {
-    // The firmware file rules (app/firmware_file.h): a link swapped in at the
-    // download path, a FIFO, a device or a directory is a file that cannot be
-    // read; under -K one that others may write is refused.
-    zel::UniqueFd file;
-    const int opened = upgrader.openFirmware(path, &file);
-    if (opened == exit_status::kSignatureRefused) {
-        return opened;
-    }
-    struct stat st;
-    if (opened != ZEL_SUCCESS || ::fstat(file.get(), &st) != 0) {
-        std::cerr << "Error reading from file " << path << std::endl;
-        return 0;
-    }
-    // The partition's size is known before the file is read: an image that
-    // cannot fit is refused without costing its size in memory.
-    const uint64_t length = static_cast<uint64_t>(st.st_size);
-    if (upgrader.checkImageFits(partition, length) != ZEL_SUCCESS) {
-        std::cerr << "Error writing to flash" << std::endl;
-        return 0;
-    }
-    ImageBuffer image;
-    if (!readRawImage(file.get(), length, &image)) {
-        std::cerr << "Error reading from file " << path << std::endl;
-        return 0;
-    }
-    const int verified = upgrader.verifyRelease(image.data(), image.size());
-    if (verified != ZEL_SUCCESS) {
-        return verified;
-    }
-    // Reading a large image takes a while; a stop asked for meanwhile is
-    // honoured before the partition is touched.
-    if (stop_signal::pending() != 0) {
-        return 0;
-    }
-    const int isProtected = FlashUpgrader::isPartitionProtected(partition);
-    if (upgrader.writeImageToFlash(partition, static_cast<uint32_t>(image.size()), isProtected,
-                                   image.data()) != ZEL_SUCCESS) {
-        std::cerr << "Error writing to flash" << std::endl;
-    }
-    return 0;
-}
 
 void removeStatusFile() {
     std::remove(status_file::kStatusPath);
 }
 
 // With -K, the release key, loaded before any download so that a key that
-// cannot be used never costs a transfer. 0, or the exit status.
+// cannot be used never costs a transfer. 0, or a refusal (printed).
 int loadReleaseKey(const command_line::Invocation& run, std::unique_ptr<release_signature::Release>* release) {
     if (!run.keyGiven) {
         return ZEL_SUCCESS;
@@ -103,8 +38,8 @@ int loadReleaseKey(const command_line::Invocation& run, std::unique_ptr<release_
 }
 
 // The signature of the file to be flashed: from the same server, into
-// memory, for a download; from beside it for a local file. 0, or the exit
-// status after the refusal was printed.
+// memory, for a download; from beside it for a local file. 0, a refusal
+// (printed), or ZEL_INTERRUPTED.
 int fetchSignature(FlashUpgrader& upgrader, const command_line::Invocation& run, release_signature::Release* release) {
     if (!run.source.download) {
         return release_signature::loadLocalSignature(run.fileName, &release->signature);
@@ -176,7 +111,7 @@ int runUpgrade(zel_env* env, const std::string& program, const command_line::Inv
     std::unique_ptr<release_signature::Release> release;
     const int keyLoaded = loadReleaseKey(run, &release);
     if (keyLoaded != ZEL_SUCCESS) {
-        return finish(keyLoaded);
+        return finish(exit_status::kSignatureRefused);
     }
 
     std::string path = run.fileName;
@@ -198,7 +133,7 @@ int runUpgrade(zel_env* env, const std::string& program, const command_line::Inv
             return stopped(signal);
         }
         if (signatureRead != ZEL_SUCCESS) {
-            return finish(signatureRead);
+            return finish(exit_status::kSignatureRefused);
         }
         upgrader->setRelease(release.get());
     }
@@ -207,9 +142,8 @@ int runUpgrade(zel_env* env, const std::string& program, const command_line::Inv
     if (package) {
         flashed = upgrader->flashQimFile(path.c_str());
     } else {
-        const int rc = flashRawImage(*upgrader, path, run.partitionName);
-        if (rc != ZEL_SUCCESS) {
-            return finish(rc);
+        if (raw_image::flash(*upgrader, path, run.partitionName) != ZEL_SUCCESS) {
+            return finish(exit_status::kSignatureRefused);
         }
     }
     if (const int signal = stop_signal::pending()) {
@@ -217,11 +151,12 @@ int runUpgrade(zel_env* env, const std::string& program, const command_line::Inv
     }
     if (flashed != ZEL_SUCCESS) {
         std::cerr << "Failed to write QIM file. Exiting." << std::endl;
+        // The package flasher's code is the exit status as it stands.
         return finish(flashed);
     }
 
     std::cout << std::endl << "Brivlo done" << std::endl;
-    return finish(0);
+    return finish(exit_status::kDone);
 }
 
 }  // namespace

@@ -12,7 +12,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
-#include "app/exit_status.h"
+#include "app/result_code.h"
 #include "app/image_buffer.h"
 #include "app/release_signature.h"
 #include "app/status_file.h"
@@ -97,7 +97,7 @@ int FlashUpgrader::verifyQimSignature(const qim_package* package) {
     const int fd = qim_package_get_fd(package);
     if (fd < 0) {
         release_signature::printRefusal(releaseSignature->fileName, "package file is not open");
-        return exit_status::kSignatureRefused;
+        return result_code::kSignatureRefused;
     }
     return verifyRelease(fd);
 }
@@ -108,7 +108,7 @@ int FlashUpgrader::loadAndCheckQimFile(const char* path, qim_package* package) {
     zel::UniqueFd file;
     const int opened = openFirmware(path, &file);
     if (opened != ZEL_SUCCESS) {
-        return opened == exit_status::kSignatureRefused ? opened : exit_status::kPackageOpenFailed;
+        return opened == result_code::kSignatureRefused ? opened : result_code::kPackageOpenFailed;
     }
     const zel_error_t rc = qim_package_load_fd(package, file.release(), path);
     if (rc != ZEL_SUCCESS) {
@@ -117,7 +117,7 @@ int FlashUpgrader::loadAndCheckQimFile(const char* path, qim_package* package) {
     }
     if (qim_package_get_device_code(package) != qim_local_device_code()) {
         std::cerr << "device type mismatch" << std::endl;
-        return exit_status::kDeviceCodeMismatch;
+        return result_code::kDeviceCodeMismatch;
     }
     const int supported = validateFirmwareSupport(package);
     // The report is shown even for a refused package, so the operator sees
@@ -141,7 +141,7 @@ int FlashUpgrader::writeQimToFlash(qim_package* package) {
         std::cerr << "writeQimToFlash: Device manufacturer ID " << qim_id_to_hex(&mfgcId, device)
                   << " does not match QIM manufacturer ID " << qim_id_to_hex(&packageMfgc, offered)
                   << "." << std::endl;
-        return exit_status::kManufacturerMismatch;
+        return result_code::kManufacturerMismatch;
     }
 
     const int validated = qim_package_get_fd(package);
@@ -177,7 +177,7 @@ int FlashUpgrader::writeQimToFlash(qim_package* package) {
         const ReadResult read = readPartData(validated, position, size, &data);
         if (read != ReadResult::kOk) {
             std::cerr << "writeQimToFlashError reading from file" << std::endl;
-            return read == ReadResult::kNoMemory ? static_cast<int>(ZEL_NOMEMORY) : exit_status::kPartReadFailed;
+            return read == ReadResult::kNoMemory ? static_cast<int>(ZEL_NOMEMORY) : result_code::kPartReadFailed;
         }
         const int rc = writeImageToFlash(name, size, isPartitionProtected(name), data.data());
         if (rc != ZEL_SUCCESS) {
@@ -191,5 +191,5 @@ int FlashUpgrader::writeQimToFlash(qim_package* package) {
         return ZEL_SUCCESS;
     }
     std::cerr << "writeQimToFlashNo matching partitions to flash" << std::endl;
-    return exit_status::kNoPartWritten;
+    return result_code::kNoPartWritten;
 }

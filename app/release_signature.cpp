@@ -54,7 +54,7 @@ int loadKey(const std::string& keyPath, qim_signature_key* key) {
     std::string why;
     if (readGuardedKey(keyPath, key, &why) != ZEL_SUCCESS) {
         std::cerr << "Release key " << keyPath << " cannot be used: " << why << std::endl;
-        return ::exit_status::kSignatureRefused;
+        return ::result_code::kSignatureRefused;
     }
     return 0;
 }
@@ -64,7 +64,7 @@ int loadLocalSignature(const std::string& fileName, qim_signature* signature) {
     const zel_error_t rc = qim_signature_load(path.c_str(), signature);
     if (rc != ZEL_SUCCESS) {
         printRefusal(fileName, "signature " + path + " " + loadFailure(rc));
-        return ::exit_status::kSignatureRefused;
+        return ::result_code::kSignatureRefused;
     }
     return 0;
 }
@@ -73,7 +73,7 @@ int parseFetchedSignature(const std::string& remoteName, const std::string& text
                           qim_signature* signature) {
     if (qim_signature_parse(text.data(), text.size(), signature) != ZEL_SUCCESS) {
         printRefusal(remoteName, "signature " + remoteName + kSignatureExtension + " malformed");
-        return ::exit_status::kSignatureRefused;
+        return ::result_code::kSignatureRefused;
     }
     return 0;
 }
@@ -88,7 +88,7 @@ int refuse(const release_signature::Release& release, zel_error_t rc, qim_signat
     char reason[QIM_SIGNATURE_REASON_SIZE];
     release_signature::printRefusal(release.fileName, qim_signature_refusal_text(rc, verdict, &release.key,
                                                                                  &release.signature, errno, reason));
-    return ::exit_status::kSignatureRefused;
+    return ::result_code::kSignatureRefused;
 }
 
 }  // namespace

@@ -7,12 +7,12 @@
 // the check runs on the exact bytes the writers then take: the raw image's
 // buffer, or the validated package file through one descriptor. Every refusal
 // is one line on standard error naming the file and the reason, and ends the
-// run with exit_status::kSignatureRefused; nothing is erased.
+// run with result_code::kSignatureRefused; nothing is erased.
 #pragma once
 
 #include <string>
 
-#include "app/exit_status.h"
+#include "app/result_code.h"
 #include "qim/signature_file.h"
 #include "qim/signature_key.h"
 #include "support/errors.h"
@@ -30,18 +30,18 @@ struct Release {
 };
 
 // Reads the public key file named after -K into `key`. 0, or
-// exit_status::kSignatureRefused after printing why the key cannot be used.
+// result_code::kSignatureRefused after printing why the key cannot be used.
 // The key decides what is flashed, so it is used only when nobody but root
 // and brivlo's user can have written it (support/tmp_file.h): a key file
 // that another user owns or may write is refused like a malformed one.
 int loadKey(const std::string& keyPath, qim_signature_key* key);
 
 // Reads "<fileName>.minisig" beside a local firmware file. 0, or
-// exit_status::kSignatureRefused after printing why.
+// result_code::kSignatureRefused after printing why.
 int loadLocalSignature(const std::string& fileName, qim_signature* signature);
 
 // Parses a signature fetched into memory (`remoteName` for the message). 0,
-// or exit_status::kSignatureRefused after printing why.
+// or result_code::kSignatureRefused after printing why.
 int parseFetchedSignature(const std::string& remoteName, const std::string& text,
                           qim_signature* signature);
 

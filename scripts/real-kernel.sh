@@ -238,10 +238,11 @@ while IFS= read -r line; do
         echo "FAIL $rest"
       fi ;;
     "@@ INFO TIME "*)
-      read -r drv fc bc fs bs <<<"${line#@@ INFO TIME }"
-      fc=${fc#*=} bc=${bc#*=} fs=${fs#*=} bs=${bs#*=}
+      read -r drv fc bc fs bs be <<<"${line#@@ INFO TIME }"
+      fc=${fc#*=} bc=${bc#*=} fs=${fs#*=} bs=${bs#*=} be=${be#*=}
       echo "flashcp vs brivlo, 4 MiB onto erased $drv, both reading back: flashcp $(secs "$fc"), brivlo $(secs "$bc")," \
-        "ratio $(ratio "$bc" "$fc" 1.0) (start-up alone: flashcp $(secs "$fs"), brivlo $(secs "$bs"))" ;;
+        "ratio $(ratio "$bc" "$fc" 1.0) (start-up alone: flashcp $(secs "$fs"), brivlo $(secs "$bs");" \
+        "brivlo writing a 0-byte image $(secs "$be"))" ;;
     "@@ INFO AGAIN "*)
       read -r drv bd fp fr fs <<<"${line#@@ INFO AGAIN }"
       bd=${bd#*=} fp=${fp#*=} fr=${fr#*=} fs=${fs#*=}

@@ -227,12 +227,14 @@ s_one_block_changed() {
 # and compare) and by brivlo (which reads back too), each onto an erased
 # partition; then, with flash holding it, again by brivlo -D, by flashcp -p's
 # way (which skips the blocks that hold their data already; guest_helper
-# diffcopy, as Debian's flashcp -p crashes) and by plain flashcp. Three
-# rounds, the best time of each.
+# diffcopy, as Debian's flashcp -p crashes) and by plain flashcp. The best
+# time of each over several rounds: three on NAND (a round takes seconds),
+# nine on phram, where a round is mostly program start-up and one slow start
+# under load would decide.
 s_flashcp() {
   best_f=999999999 best_b=999999999 best_d=999999999 best_p=999999999 best_r=999999999
   again_failed=""
-  for round in 1 2 3; do
+  for round in $ROUNDS; do
     wipe boot || return 1
     timed flashcp /data/big4m.bin /dev/flash/boot || fail "flashcp failed" || return 1
     [ $T -lt $best_f ] && best_f=$T
@@ -256,13 +258,18 @@ s_flashcp() {
   # its code makes far slower than on a board.
   start_b=999999999
   start_f=999999999
-  for round in 1 2 3; do
+  fixed_b=999999999
+  : >/tmp/empty
+  for round in $ROUNDS; do
     timed brivlo -? >/dev/null
     [ $T -lt $start_b ] && start_b=$T
+    # What an upgrade costs besides the flash: a 0-byte image.
+    timed brivlo local /tmp/empty boot >/dev/null 2>&1
+    [ $T -lt $fixed_b ] && fixed_b=$T
     timed flashcp -h >/dev/null 2>&1
     [ $T -lt $start_f ] && start_f=$T
   done
-  say "INFO TIME $DRV flashcp_us=$best_f brivlo_us=$best_b flashcp_start_us=$start_f brivlo_start_us=$start_b"
+  say "INFO TIME $DRV flashcp_us=$best_f brivlo_us=$best_b flashcp_start_us=$start_f brivlo_start_us=$start_b brivlo_empty_us=$fixed_b"
   flashcp -p /data/big4m.bin /dev/flash/boot >/dev/null 2>&1
   crashed=$?
   [ -z "$again_failed" ] || fail "$again_failed" || return 1
@@ -272,6 +279,8 @@ s_flashcp() {
 run_driver() { # DRIVER ERASE-BLOCK-SIZE
   DRV=$1
   EB=$2
+  ROUNDS="1 2 3"
+  [ "$DRV" = nor ] && ROUNDS="1 2 3 4 5 6 7 8 9"
   ln -sfn /dev/$DRV /dev/flash
   scenario capability-record s_capability
   scenario raw-odd-length s_raw_odd

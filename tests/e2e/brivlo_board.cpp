@@ -2,12 +2,22 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <sstream>
+
 namespace e2e {
 
 namespace {
 
+// BRIVLO_TEST_WRAPPER, a command prefix of words separated by blanks (for
+// example "valgrind --error-exitcode=99 --log-file=DIR/vg.%p"), runs brivlo
+// under it, on the board: scripts/memcheck.sh runs flows of this suite so.
 std::vector<std::string> onBoard(const std::string& dir, const std::vector<std::string>& args) {
-    std::vector<std::string> argv = {FLASHSIM_BIN, "run", dir, "--", BRIVLO_BIN};
+    std::vector<std::string> argv = {FLASHSIM_BIN, "run", dir, "--"};
+    const char* prefix = std::getenv("BRIVLO_TEST_WRAPPER");
+    std::istringstream wrapper(prefix != nullptr ? prefix : "");
+    for (std::string word; wrapper >> word;) argv.push_back(word);
+    argv.push_back(BRIVLO_BIN);
     argv.insert(argv.end(), args.begin(), args.end());
     return argv;
 }

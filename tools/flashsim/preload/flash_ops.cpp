@@ -417,7 +417,7 @@ static ssize_t writePartitionImpl(const TrackedFd& t, const void* data, size_t l
         const uint64_t room = p.size - static_cast<uint64_t>(offset);
         n = length < room ? length : static_cast<size_t>(room);
         if (p.erasesize != 0) {
-            for (uint64_t b = static_cast<uint64_t>(offset) / p.erasesize; b <= (offset + n - 1) / p.erasesize; ++b) {
+            for (uint64_t b = static_cast<uint64_t>(offset) / p.erasesize; b <= (static_cast<uint64_t>(offset) + n - 1) / p.erasesize; ++b) {
                 if (isBadBlock(p, b)) return fail(p, line, EIO);
             }
         }
