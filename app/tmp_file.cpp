@@ -26,9 +26,9 @@ UniqueFile streamOf(int fd, const char* mode) {
 // when there is nothing to move or it cannot be moved.
 bool moveAside(const char* path) {
     const int error = errno;
-    struct stat st;
     char aside[ZEL_TMP_ASIDE_SIZE];
-    if (::lstat(path, &st) != 0 || zel_tmp_file_move_aside(path, aside) != ZEL_SUCCESS) {
+    // The rename itself finds out whether anything stands there.
+    if (zel_tmp_file_move_aside(path, aside) != ZEL_SUCCESS) {
         errno = error;
         return false;
     }
