@@ -57,8 +57,7 @@ const uint32_t kImageSize = 200000;
 const std::vector<std::string> kNand = {"--part", "config=512K:64K:2K", "--nand", "config"};
 const std::vector<std::string> kNand4 = {"--part", "config=256K:64K:2K", "--nand", "config"};
 const std::vector<std::string> kNor = {"--part", "config=512K:64K"};
-const std::string kOut = "Erasing Flash (wait 1s)\n" + dots(5) + "\nWriting file to flash partition 'config'\n" +
-                         dots(3) + "\n\nFlash write complete.\n\nBrivlo done\n";
+const std::string kOut = e2e::partitionWriteOut("config", kImageSize) + "\nBrivlo done\n";
 const std::string kFailed = "Error writing to flash\n";
 std::string marked(uint32_t block) {
     return "writeImageToFlash: Block " + std::to_string(block) + " of flash partition 'config' failed, marked bad\n";
